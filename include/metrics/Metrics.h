@@ -1,0 +1,15 @@
+#ifndef METRICS_METRICS_H
+#define METRICS_METRICS_H
+
+/// Everything: the whole public interface in one include.
+
+#include <metrics/MetricsBitsUtils.h>
+#include <metrics/MetricsContext.h>
+#include <metrics/MetricsEvent.h>
+#include <metrics/MetricsManager.h>
+#include <metrics/MetricsRawClient.h>
+#include <metrics/MetricsScope.h>
+#include <metrics/MetricsTimer.h>
+#include <metrics/MetricsVersion.h>
+
+#endif // METRICS_METRICS_H

@@ -1,0 +1,167 @@
+#ifndef METRICS_CONTEXT_H
+#define METRICS_CONTEXT_H
+
+#include <metrics/MetricsEvent.h>
+#include <metrics/MetricsExport.h>
+#include <metrics/MetricsManager.h>
+#include <metrics/MetricsScope.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+/// Emits ContextCreated for a new id, unless it is 0. Context::Create does this for you.
+///
+/// Thread-safety: safe from any thread at any time.
+/// @throws std::bad_alloc, and what a synchronous consumer throws; the event is lost then.
+METRICS_EXPORT void EmitCreateContext(std::uint64_t parentId, std::uint64_t id);
+
+namespace Metrics {
+
+/// A unit of work. Contexts form a tree by their ids. While one is the current context of a thread,
+/// the scopes and attributes of that thread belong to it. On first use it opens a scope of its own,
+/// labelled with its name, and records the attributes 'pid', 'tid' and 'cid'.
+///
+/// A context with id 0 is disabled: it accepts every call and emits nothing.
+///
+/// The stacks of threads hold plain pointers. The constructor attaches the context to the calling
+/// thread, Close and the destructor detach it from the calling thread only: detach it from any
+/// other thread there, before it is destroyed.
+///
+/// Thread-safety: one thread at a time for each object; IsEnabled, GetContextId and
+/// GetParentContextId are safe from any thread at any time.
+class METRICS_EXPORT Context {
+public:
+    /// Draws and announces an id: a root's when `root`, else that of a child of the calling
+    /// thread's current context. @return 0, with nothing drawn or announced, for a child when there
+    /// is no current context, and when the library is off.
+    ///
+    /// Thread-safety: safe from any thread at any time.
+    /// @throws std::bad_alloc, and what a synchronous consumer throws.
+    static std::uint64_t Create(bool root);
+
+    /// Draws and announces the id of a child of `parentId`. @return 0, with nothing drawn or
+    /// announced, for parent 0 and when the library is off.
+    ///
+    /// Thread-safety: safe from any thread at any time.
+    /// @throws std::bad_alloc, and what a synchronous consumer throws.
+    static std::uint64_t Create(std::uint64_t parentId);
+
+    /// Opens the context with an id from Create: announces it and makes it the calling thread's
+    /// current context. With id 0 it is disabled.
+    /// @throws std::bad_alloc, and what a synchronous consumer throws.
+    Context(std::uint64_t parentId, std::uint64_t id);
+
+    /// Closes the context. What a synchronous consumer throws is dropped here.
+    ~Context();
+
+    Context(const Context&) = delete;
+    Context& operator=(const Context&) = delete;
+
+    /// Whether the id is not 0.
+    bool IsEnabled() const noexcept { return m_id != 0; }
+    /// The id; 0 for a disabled context.
+    std::uint64_t GetContextId() const noexcept { return m_id; }
+    /// The parent's id; 0 for a root.
+    std::uint64_t GetParentContextId() const noexcept { return m_parentId; }
+
+    /// Names the context, "cxt" otherwise. The name is the label of the context's own scope, so it
+    /// takes effect before the first scope or Emit. Null keeps the name.
+    /// @throws std::bad_alloc
+    void SetName(char const* name);
+
+    /// Makes this the calling thread's current context, on top of the others.
+    /// @throws std::bad_alloc
+    void AttachToThread();
+
+    /// Takes every occurrence of this context off the calling thread's stack.
+    void DetachFromThread() noexcept;
+
+    /// Records an attribute against the calling thread's current context, whichever that is.
+    /// @throws std::bad_alloc, and what a synchronous consumer throws; the event is lost then.
+    void AddAttribute(std::string const& name, std::string const& value);
+
+    /// Does the one-time work of the first use: the three attributes and the context's own scope.
+    /// When it fails, the next call goes on where this one stopped.
+    /// @throws std::bad_alloc, and what a synchronous consumer throws.
+    void OpenScope();
+
+    /// Emits a Custom event with two values through the context's own scope.
+    ///
+    /// Cost: that of MetricsManager::EmitEvent.
+    /// @throws std::bad_alloc, and what a synchronous consumer throws; the event is lost then.
+    void Emit(MetricsValue&& first, MetricsValue&& second);
+
+    /// Emits a Custom event with one value; the second is empty.
+    /// @throws std::bad_alloc, and what a synchronous consumer throws; the event is lost then.
+    void Emit(MetricsValue&& first) { Emit(static_cast<MetricsValue&&>(first), MetricsValue()); }
+
+    /// Closes the context's own scope, detaches the context from the calling thread and announces
+    /// its end, once. All three are done whatever happens.
+    /// @throws the first of what synchronous consumers throw, and std::bad_alloc.
+    void Close();
+
+private:
+    void OpenOwnScope();
+
+    std::uint64_t m_id;
+    std::uint64_t m_parentId;
+    bool m_isOpen = false;
+    bool m_scopeOpened = false;
+    std::unique_ptr<Scope> m_scope;
+    std::string m_name;
+    int m_attributesEmitted = 0; // how far OpenScope came
+};
+
+/// One pending child of the context that is current where the handle is made. It is announced
+/// there, and opened by whichever thread calls Open.
+///
+/// Neither copied, since its id opens one context, nor thread-safe: it is made on one thread and
+/// handed to another. Moved from, it is inert.
+///
+/// Thread-safety: one thread at a time for each object.
+class METRICS_EXPORT UniqueMetricsContext {
+public:
+    /// With false, or without a current context, the handle is inert.
+    /// @throws std::bad_alloc, and what a synchronous consumer throws.
+    explicit UniqueMetricsContext(bool enabled);
+
+    UniqueMetricsContext(UniqueMetricsContext&& other) noexcept;
+    UniqueMetricsContext& operator=(UniqueMetricsContext&& other) noexcept;
+    UniqueMetricsContext(const UniqueMetricsContext&) = delete;
+    UniqueMetricsContext& operator=(const UniqueMetricsContext&) = delete;
+    ~UniqueMetricsContext() = default;
+
+    /// Opens the child and makes it the calling thread's current context; destroy it there.
+    /// @return null for an inert handle and after the first Open.
+    /// @throws std::bad_alloc, and what a synchronous consumer throws; Open may be tried again.
+    std::unique_ptr<Context> Open();
+
+private:
+    std::uint64_t m_parentId = 0;
+    std::uint64_t m_id = 0;
+};
+
+/// One open context, shared by all copies of the handle, that is no thread's current context: it
+/// serves as the parent of the children that Open makes, any number of them on any threads. It is
+/// closed when the last copy goes. Moved from, a handle is inert.
+///
+/// Thread-safety: one thread at a time for each handle; Open is safe from any thread at any time.
+class METRICS_EXPORT SharedMetricsContext {
+public:
+    /// With false, or without a current context, the handle is inert.
+    /// @throws std::bad_alloc, and what a synchronous consumer throws.
+    explicit SharedMetricsContext(bool enabled);
+
+    /// Creates and opens a child and makes it the calling thread's current context; destroy it
+    /// there. @return null for an inert handle; a disabled context when the library is off.
+    /// @throws std::bad_alloc, and what a synchronous consumer throws.
+    std::unique_ptr<Context> Open() const;
+
+private:
+    std::shared_ptr<Context> m_context;
+};
+
+} // namespace Metrics
+
+#endif // METRICS_CONTEXT_H

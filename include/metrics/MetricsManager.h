@@ -1,0 +1,214 @@
+#ifndef METRICS_MANAGER_H
+#define METRICS_MANAGER_H
+
+#include <metrics/MetricsEvent.h>
+#include <metrics/MetricsExport.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <vector>
+
+namespace Metrics {
+
+class Context;
+
+/// Whether an event of category mask `eventBits` passes a consumer of mask `consumerBits`: true
+/// when the event has no category (bits 12 to 63 all clear), else when the two share one.
+///
+/// Thread-safety: safe from any thread at any time.
+/// Cost: two instructions; takes no lock and allocates nothing.
+METRICS_EXPORT bool TestBits(std::uint64_t eventBits, std::uint64_t consumerBits) noexcept;
+
+/// Whether the process records events of category mask `eventBits` at all: false while the
+/// manager's mask is 0, else the same test against that mask.
+///
+/// Thread-safety: safe from any thread at any time.
+/// Cost: one relaxed load and a test; takes no lock and allocates nothing.
+METRICS_EXPORT bool TestBits(std::uint64_t eventBits) noexcept;
+
+/// The contexts attached to one thread, oldest first; the last is the thread's current context.
+/// The pointers do not own: a context is detached before it is destroyed.
+///
+/// Thread-safety: one thread at a time for each object; the library touches only the stack of the
+/// calling thread.
+class METRICS_EXPORT MetricsThreadContext {
+public:
+    MetricsThreadContext() noexcept;
+    ~MetricsThreadContext();
+    MetricsThreadContext(const MetricsThreadContext&) = delete;
+    MetricsThreadContext& operator=(const MetricsThreadContext&) = delete;
+
+    /// Puts the context on top, however often it stands there already.
+    /// Cost: allocates when the stack grows deeper than ever before.
+    /// @throws std::bad_alloc
+    void AttachContext(Context* context);
+
+    /// Removes every occurrence of the context; the others keep their order.
+    void DetachContext(Context* context) noexcept;
+
+    /// The id of the top context; 0 for none.
+    std::uint64_t GetMetricsContextId() const noexcept;
+
+    /// The parent id of the top context; 0 for none.
+    std::uint64_t GetParentMetricsContextId() const noexcept;
+
+    /// The top context; null for none.
+    Context* GetCurrentContext() const noexcept {
+        return m_contexts.empty() ? nullptr : m_contexts.back();
+    }
+
+private:
+    friend class Context;
+    void ReserveOne();
+
+    std::vector<Context*> m_contexts;
+};
+
+/// The process-wide hub. It drops events whose category bits are off, stamps the rest, hands them
+/// at once to the synchronous consumers and queues them for the asynchronous ones, which one
+/// delivery thread calls in order.
+///
+/// Life: GetInstance gives an idle manager; Enable starts the delivery thread and lets events and
+/// consumers in; Disable delivers what is queued and switches the library off for the rest of the
+/// process; ShutdownAndFreeInstance also frees the instance, and runs by itself at unload or exit.
+/// Once the library is off, and in a forked child, every operation does nothing and returns false,
+/// 0, null or nothing.
+///
+/// Ordering: asynchronous consumers see events in the order in which they were queued. An event
+/// emitted after another thread's emit has returned is delivered after that one. A synchronous
+/// consumer sees an event before any asynchronous one does.
+///
+/// A pointer from GetInstance stays valid as long as the library is loaded, after
+/// ShutdownAndFreeInstance too.
+class METRICS_EXPORT MetricsManager {
+public:
+    MetricsManager(const MetricsManager&) = delete;
+    MetricsManager& operator=(const MetricsManager&) = delete;
+
+    /// The one instance, made on first use; never null.
+    ///
+    /// Thread-safety: safe from any thread at any time.
+    /// Cost: one acquire load; the first call takes a lock and allocates.
+    /// @throws std::bad_alloc on first use; the next call tries again.
+    static MetricsManager* GetInstance();
+
+    /// Disables the instance, if there is one, and frees it. One deadline of 1000 ms covers the
+    /// delivery of what is queued and the operations that other threads are inside of; past it the
+    /// instance is abandoned, never freed under a running thread.
+    ///
+    /// Thread-safety: safe from any thread at any time.
+    /// Cost: blocks for at most 1000 ms; calls consumers.
+    static void ShutdownAndFreeInstance() noexcept;
+
+    /// Starts the delivery thread; does nothing when it exists. The thread is named "metrics" and
+    /// blocks every signal but the synchronous ones. Does not wait for the init function.
+    ///
+    /// Thread-safety: safe from any thread at any time.
+    /// Cost: takes a lock; allocates; starts a thread.
+    /// @throws std::system_error when the thread cannot be started (events are accepted from then
+    ///         on all the same, and the next Enable tries again); std::bad_alloc.
+    void Enable();
+
+    /// Sends the Shutdown event, switches the library off for good, and waits up to 1000 ms until
+    /// everything queued before is delivered and the delivery thread has ended. An exception of a
+    /// synchronous consumer is dropped here.
+    /// @return true when both happened in time; false after the time-out, without a delivery
+    ///         thread, when the library is off already, or when another thread is disabling it.
+    ///
+    /// Thread-safety: safe from any thread at any time.
+    /// Cost: blocks for at most 1000 ms; calls consumers.
+    bool Disable() noexcept;
+
+    /// Has `function` called once on the delivery thread, first thing when it starts; it is
+    /// released right after. Takes effect only before Enable. What it throws is dropped.
+    ///
+    /// Thread-safety: safe from any thread at any time.
+    /// Cost: takes a lock; allocates.
+    void SetThreadInitFunction(std::function<void()> function);
+
+    /// Adds category bits to the mask. @return the mask as it was before.
+    ///
+    /// Thread-safety: safe from any thread at any time.
+    /// Cost: one atomic operation; the same holds for the two operations below.
+    std::uint64_t SetBits(std::uint64_t bits) noexcept;
+
+    /// Replaces the mask. Thread-safety: safe from any thread at any time.
+    void SetBitsAbsolute(std::uint64_t bits) noexcept;
+
+    /// Removes category bits from the mask. Thread-safety: safe from any thread at any time.
+    void ClearBits(std::uint64_t bits) noexcept;
+
+    /// Registers a consumer for events that pass `bits`, called on the emitting threads when
+    /// `synchronous`, else on the delivery thread. A listener may be registered several times, and
+    /// is then called once for each. The manager holds a reference until the registration ends.
+    /// @return false, registering nothing, for a null listener, before Enable, when the library is
+    ///         off, and from inside OnMetricsEvent.
+    ///
+    /// Thread-safety: safe from any thread at any time.
+    /// Cost: waits for the listener calls in progress; allocates.
+    /// @throws std::bad_alloc
+    bool AddConsumer(MetricsListenerPtr listener, std::uint64_t bits, bool synchronous);
+
+    /// Ends one registration of the listener, a synchronous one first. Once it has returned, that
+    /// registration is not called again and no call of it is in progress.
+    /// @return false when there is none, and under the conditions of AddConsumer.
+    ///
+    /// Thread-safety: safe from any thread at any time.
+    /// Cost: waits for the listener calls in progress.
+    bool RemoveConsumer(MetricsListenerPtr listener);
+
+    /// Takes an event whose type, ids, bits and values are filled in: drops it when its bits are
+    /// off, else stamps it, calls the synchronous consumers, and queues it. A Shutdown event passes
+    /// whatever the bits, and ends the delivery when it is reached. From code that may be unloaded,
+    /// make events with MakeMetricsEvent.
+    ///
+    /// Thread-safety: safe from any thread at any time.
+    /// Cost: two clock reads and one append. Never waits for the delivery and takes no lock while
+    /// there are no synchronous consumers; allocates when the buffer grows.
+    /// @throws what a synchronous consumer throws, and std::bad_alloc; the event is then lost.
+    void EmitEvent(std::shared_ptr<MetricsEvent> event);
+
+    /// Waits until everything that was queued at the call has reached the asynchronous consumers,
+    /// at most the given number of milliseconds of the steady clock. Returns at once when the
+    /// library is not enabled, and from inside OnMetricsEvent.
+    ///
+    /// Thread-safety: safe from any thread at any time.
+    /// Cost: wakes the delivery thread and blocks; allocates.
+    /// @throws std::bad_alloc
+    void WaitUntilWritesFlushed(unsigned int milliseconds);
+
+    /// The calling thread's stack of contexts, shared with the caller; an empty one stored nowhere
+    /// when the library is off.
+    ///
+    /// Thread-safety: safe from any thread at any time.
+    /// Cost: allocates on a thread's first call.
+    /// @throws std::bad_alloc
+    std::shared_ptr<MetricsThreadContext> GetThreadContext();
+
+    /// The calling thread's current context; null for none.
+    ///
+    /// Thread-safety: safe from any thread at any time.
+    /// Cost: a few loads; the same holds for the operation below.
+    Context* GetCurrentThreadContext() noexcept;
+
+    /// The id of the calling thread's current context; 0 for none.
+    /// Thread-safety: safe from any thread at any time.
+    std::uint64_t GetCurrentThreadContextId() noexcept;
+
+    /// A context id never given before in this process, from 1; 0 when the library is off.
+    ///
+    /// Thread-safety: safe from any thread at any time.
+    /// Cost: one atomic operation.
+    std::uint64_t GetNextContextId() noexcept;
+
+private:
+    // The state stands behind the interface, in the library; the object is a name for it.
+    constexpr MetricsManager() noexcept = default;
+    ~MetricsManager() = default;
+    static MetricsManager s_interface __attribute__((visibility("hidden")));
+};
+
+} // namespace Metrics
+
+#endif // METRICS_MANAGER_H

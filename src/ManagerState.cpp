@@ -1,0 +1,250 @@
+#include "ManagerState.h"
+
+#include <cxxabi.h>
+
+#include <algorithm>
+#include <thread>
+
+namespace Metrics::detail {
+
+namespace {
+
+constexpr unsigned int idlePause = 100; // ms between looks at an empty buffer
+constexpr unsigned int drainStep = 5;   // ms from a swap to the walk; batches what comes meanwhile
+constexpr std::chrono::microseconds urgentStep{50}; // the same when somebody waits
+constexpr std::size_t restingCapacity = 16 * EventBuffer::slotsPerChunk;
+
+class FrameGuard {
+public:
+    explicit FrameGuard(const IMetricsListener* listener) noexcept
+        : m_frame{listener, t_thread.delivery} {
+        t_thread.delivery = &m_frame;
+    }
+    ~FrameGuard() { t_thread.delivery = m_frame.outer; }
+    FrameGuard(const FrameGuard&) = delete;
+    FrameGuard& operator=(const FrameGuard&) = delete;
+
+private:
+    DeliveryFrame m_frame;
+};
+
+bool IsBeingCalled(const IMetricsListener* listener) noexcept {
+    for (const DeliveryFrame* frame = t_thread.delivery; frame != nullptr; frame = frame->outer)
+        if (frame->listener == listener)
+            return true;
+    return false;
+}
+
+/// Calls a consumer and drops what it throws, but for the exception by which glibc ends a thread:
+/// that one must pass.
+template <class Call>
+void CallQuietly(Call&& call) {
+    try {
+        call();
+    } catch (abi::__forced_unwind&) {
+        throw;
+    } catch (...) {}
+}
+
+} // namespace
+
+/// Holds the consumer lock for reading. Inside a consumer call the thread holds it already, and
+/// must not stand behind a waiting writer, which waits for that very call.
+class ManagerState::ReadLock {
+public:
+    explicit ReadLock(korsys::TReadWriteLock& lock) noexcept
+        : m_lock(t_thread.delivery == nullptr ? &lock : nullptr) {
+        if (m_lock != nullptr)
+            m_lock->LockRead();
+    }
+    ~ReadLock() {
+        // A consumer may have forked: the lock in the child is in nobody's hands.
+        if (m_lock != nullptr && !InForkedChild())
+            m_lock->UnlockRead();
+    }
+    ReadLock(const ReadLock&) = delete;
+    ReadLock& operator=(const ReadLock&) = delete;
+
+private:
+    korsys::TReadWriteLock* m_lock;
+};
+
+// Consumers ------------------------------------------------------------------------------------
+
+template <class Call>
+void ManagerState::DeliverTo(const Subscribers& subscribers, const MetricsEvent& event, Call call) {
+    for (const Subscriber& subscriber : subscribers) {
+        if (!PassesMask(event.bits, subscriber.bits) || IsBeingCalled(subscriber.listener.Get()))
+            continue;
+        const MetricsListenerPtr listener = subscriber.listener;
+        const FrameGuard frame(listener.Get());
+        call(*listener);
+        if (InForkedChild())
+            return;
+    }
+}
+
+void ManagerState::DeliverSynchronously(const MetricsEvent& event) {
+    const ReadLock lock(m_subscriberLock);
+    DeliverTo(m_syncSubscribers, event,
+              [&event](IMetricsListener& listener) { listener.OnMetricsEvent(event); });
+}
+
+void ManagerState::DeliverShutdown(const MetricsEvent& event) noexcept {
+    if (!s_live.m_hasSyncSubscribers.load(std::memory_order_seq_cst))
+        return;
+    const ReadLock lock(m_subscriberLock);
+    DeliverTo(m_syncSubscribers, event, [&event](IMetricsListener& listener) {
+        CallQuietly([&] { listener.OnMetricsEvent(event); });
+    });
+}
+
+bool ManagerState::AddConsumer(MetricsListenerPtr&& listener, std::uint64_t bits,
+                               bool synchronous) {
+    m_subscriberLock.Lock();
+    const std::unique_ptr<korsys::TReadWriteLock, void (*)(korsys::TReadWriteLock*)> unlock(
+        &m_subscriberLock, [](korsys::TReadWriteLock* lock) { lock->Unlock(); });
+    if (!s_live.m_enabled.load(std::memory_order_relaxed)) // the delivery thread has ended
+        return false;
+    (synchronous ? m_syncSubscribers : m_asyncSubscribers)
+        .push_back(Subscriber{bits, std::move(listener)});
+    if (synchronous)
+        s_live.m_hasSyncSubscribers.store(true, std::memory_order_seq_cst);
+    return true;
+}
+
+bool ManagerState::Erase(Subscribers& subscribers, const IMetricsListener* listener,
+                         MetricsListenerPtr& released) {
+    const auto found =
+        std::find_if(subscribers.begin(), subscribers.end(),
+                     [listener](const Subscriber& s) { return s.listener.Get() == listener; });
+    if (found == subscribers.end())
+        return false;
+    released = std::move(found->listener);
+    subscribers.erase(found);
+    return true;
+}
+
+bool ManagerState::RemoveConsumer(const IMetricsListener* listener) {
+    MetricsListenerPtr released; // let go after the lock
+    m_subscriberLock.Lock();
+    const bool found = Erase(m_syncSubscribers, listener, released) ||
+                       Erase(m_asyncSubscribers, listener, released);
+    if (m_syncSubscribers.empty())
+        s_live.m_hasSyncSubscribers.store(false, std::memory_order_seq_cst);
+    m_subscriberLock.Unlock();
+    return found;
+}
+
+void ManagerState::ReleaseConsumers() {
+    Subscribers syncSubscribers;
+    Subscribers asyncSubscribers;
+    m_subscriberLock.Lock();
+    syncSubscribers.swap(m_syncSubscribers);
+    asyncSubscribers.swap(m_asyncSubscribers);
+    // Under the lock, so that no consumer is registered behind this.
+    s_live.m_enabled.store(false, std::memory_order_relaxed);
+    m_subscriberLock.Unlock();
+    // Released here: a consumer's destructor may call the manager.
+}
+
+// Delivery thread ------------------------------------------------------------------------------
+
+EventBuffer& ManagerState::Other(const EventBuffer& buffer) noexcept {
+    return m_buffers[&buffer == &m_buffers[0] ? 1 : 0];
+}
+
+void ManagerState::RunThreadInitFunction() {
+    std::function<void()> function;
+    function.swap(m_threadInitFunction); // released here: its code may be gone later
+    if (function)
+        CallQuietly(function);
+}
+
+bool ManagerState::DeliverBatch(EventBuffer& filled, bool urgent) {
+    // Sequentially consistent: see AsymmetricBarrier. It also hands the emptied buffer over.
+    s_live.m_queue.store(&Other(filled), std::memory_order_seq_cst);
+    if (!urgent)
+        m_wakeEvent.Wait(drainStep);
+    AsymmetricBarrier::Heavy();
+    s_live.m_threadContexts.WaitForAppends([] { std::this_thread::sleep_for(urgentStep); });
+
+    const std::size_t before = filled.Capacity();
+    const std::size_t events = filled.Size();
+    const bool shutdown = filled.Walk([this](const MetricsEvent& event) {
+        if (InForkedChild())
+            return;
+        const ReadLock lock(m_subscriberLock);
+        DeliverTo(m_asyncSubscribers, event, [&event](IMetricsListener& listener) {
+            CallQuietly([&] { listener.OnMetricsEvent(event); });
+        });
+    });
+    if (InForkedChild())
+        return false;
+    // A buffer that has grown shrinks by and by, so that an uneven load does not allocate each
+    // time; an empty one was swapped out to be shrunk.
+    filled.Trim(events == 0 ? restingCapacity
+                            : std::max({events, before - before / 8, restingCapacity}));
+    return shutdown;
+}
+
+void ManagerState::BackgroundThreadProc() {
+    RunThreadInitFunction();
+    bool wasIdle = false;
+    for (bool shutdown = false; !shutdown;) {
+        m_wakeEvent.Reset();
+        std::shared_ptr<korsys::TEvent> flushed;
+        {
+            const std::lock_guard lock(m_flushLock);
+            flushed.swap(m_flushedEvent);
+        }
+        EventBuffer& filling = *s_live.m_queue.load(std::memory_order_relaxed);
+        const bool isEmpty = filling.IsEmpty();
+        const bool isOversized = wasIdle && filling.Capacity() > restingCapacity;
+        if (!isEmpty || isOversized)
+            shutdown = DeliverBatch(filling, flushed != nullptr ||
+                                                 m_stopRequested.load(std::memory_order_relaxed));
+        if (InForkedChild())
+            return; // a consumer has forked, and this is the child
+        if (flushed != nullptr)
+            flushed->Signal();
+        wasIdle = isEmpty;
+        if (isEmpty && !isOversized)
+            m_wakeEvent.Wait(idlePause);
+    }
+
+    ReleaseConsumers();
+    s_live.m_bits.store(0, std::memory_order_relaxed);
+    s_live.m_queue.store(nullptr, std::memory_order_seq_cst);
+    EndFlushes();
+    m_stopEvent.Signal();
+}
+
+// Flush ----------------------------------------------------------------------------------------
+
+std::shared_ptr<korsys::TEvent> ManagerState::RequestFlush() {
+    std::shared_ptr<korsys::TEvent> flushed;
+    {
+        const std::lock_guard lock(m_flushLock);
+        if (m_flushEnded)
+            return nullptr;
+        if (m_flushedEvent == nullptr)
+            m_flushedEvent = std::make_shared<korsys::TEvent>(false);
+        flushed = m_flushedEvent;
+    }
+    m_wakeEvent.Signal();
+    return flushed;
+}
+
+void ManagerState::EndFlushes() {
+    std::shared_ptr<korsys::TEvent> flushed;
+    {
+        const std::lock_guard lock(m_flushLock);
+        m_flushEnded = true;
+        flushed.swap(m_flushedEvent);
+    }
+    if (flushed != nullptr)
+        flushed->Signal();
+}
+
+} // namespace Metrics::detail

@@ -1,0 +1,159 @@
+#ifndef METRICS_SRC_MANAGER_STATE_H
+#define METRICS_SRC_MANAGER_STATE_H
+
+#include "DeliveryThread.h"
+#include "EventBuffer.h"
+#include "ThreadTable.h"
+
+#include <metrics/MetricsManager.h>
+
+#include <korsys/TEvent.h>
+#include <korsys/TReadWriteLock.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+namespace Metrics::detail {
+
+/// What every call reads. Constant-initialised and never destroyed, so that calls before the first
+/// static initialiser and after the last destructor are as good as any other.
+struct LiveState {
+    // Written at configuration time, read by every call.
+    alignas(64) std::atomic<std::uint64_t> m_bits{0};  // relaxed: it guards nothing
+    std::atomic<bool> m_enabled{false};                // relaxed: m_queue says for certain
+    std::atomic<bool> m_hasSyncSubscribers{false};     // sequentially consistent when written
+    std::atomic<bool> s_metricsManagerDisabled{false}; // final
+    std::atomic<bool> m_forkedChild{false};            // final
+    std::atomic<EventBuffer*> m_queue{nullptr}; // the filling buffer; null when there is none
+    std::atomic<class ManagerState*> m_instance{nullptr}; // null: not made yet, or gone
+
+    // Written by every thread that makes contexts.
+    alignas(64) std::atomic<std::uint64_t> m_nextContextId{0};
+
+    // Written when a thread comes for the first time.
+    alignas(64) ThreadTable m_threadContexts;
+};
+
+static_assert(offsetof(LiveState, m_nextContextId) == 64,
+              "what every call reads is one cache line that nobody writes while events flow");
+
+extern constinit LiveState s_live;
+
+/// Whether events of these bits are recorded at all; see TestBits.
+inline bool PassesMask(std::uint64_t eventBits, std::uint64_t mask) noexcept {
+    constexpr std::uint64_t categories = ~std::uint64_t{0xFFF};
+    return (eventBits & categories) == 0 || (eventBits & categories & mask) != 0;
+}
+
+inline bool PassesProcess(std::uint64_t eventBits) noexcept {
+    const std::uint64_t mask = s_live.m_bits.load(std::memory_order_relaxed);
+    return mask != 0 && PassesMask(eventBits, mask);
+}
+
+/// Whether the library was switched off for good.
+inline bool IsOff() noexcept {
+    // Relaxed: a call that races with Disable may go either way; what it must not touch any more
+    // it finds through m_instance and m_queue.
+    return s_live.s_metricsManagerDisabled.load(std::memory_order_relaxed);
+}
+
+/// Whether this process is a fork of one that had the library in use.
+inline bool InForkedChild() noexcept {
+    return s_live.m_forkedChild.load(std::memory_order_relaxed);
+}
+
+/// The calling thread's current context; null for none.
+inline Context* CurrentContext() noexcept {
+    const MetricsThreadContext* const context = t_thread.context;
+    return context == nullptr || IsOff() ? nullptr : context->GetCurrentContext();
+}
+
+/// Emits an event that the library builds: the road of every context, scope and attribute event.
+/// @throws std::bad_alloc, and what a synchronous consumer throws; the event is lost then.
+void Emit(MetricsEventType type, std::uint64_t sourceId, std::uint64_t contextId,
+          std::uint64_t bits, MetricsValue&& param1, MetricsValue&& param2);
+
+/// What is freed when the manager goes: the consumers, the buffers and the delivery thread.
+///
+/// A thread other than the delivery thread uses it only inside its operation or append section
+/// (ThreadTable); it is freed when it is no longer reachable and all sections have been left.
+///
+/// Lock order: s_lifecycleLock, then m_subscriberLock; m_flushLock is taken last and alone. No lock
+/// is held while a consumer is destroyed; m_subscriberLock is held for reading while one is called.
+class ManagerState {
+public:
+    ManagerState() = default;
+    ~ManagerState() = default;
+    ManagerState(const ManagerState&) = delete;
+    ManagerState& operator=(const ManagerState&) = delete;
+
+    void Enable();
+    bool DisableUntil(std::chrono::steady_clock::time_point deadline) noexcept;
+    void SetThreadInitFunction(std::function<void()>&& function);
+
+    bool AddConsumer(MetricsListenerPtr&& listener, std::uint64_t bits, bool synchronous);
+    bool RemoveConsumer(const IMetricsListener* listener);
+    void DeliverSynchronously(const MetricsEvent& event);
+
+    /// An event that is signalled when everything queued by now is delivered; null when the
+    /// delivery has ended.
+    std::shared_ptr<korsys::TEvent> RequestFlush();
+
+    /// Whether no delivery thread exists that could still use this object.
+    bool IsIdle() const noexcept { return !m_running.load(std::memory_order_acquire); }
+
+private:
+    struct Subscriber {
+        std::uint64_t bits;
+        MetricsListenerPtr listener;
+    };
+    using Subscribers = std::vector<Subscriber>;
+
+    class ReadLock;
+
+    void BackgroundThreadProc();
+    void RunThreadInitFunction();
+    void DeliverShutdown(const MetricsEvent& event) noexcept;
+    bool DeliverBatch(EventBuffer& filled, bool urgent);
+    void ReleaseConsumers();
+    void EndFlushes();
+    EventBuffer& Other(const EventBuffer& buffer) noexcept;
+
+    template <class Call>
+    static void DeliverTo(const Subscribers& subscribers, const MetricsEvent& event, Call call);
+    static bool Erase(Subscribers& subscribers, const IMetricsListener* listener,
+                      MetricsListenerPtr& released);
+
+    // Guarded by m_subscriberLock.
+    Subscribers m_syncSubscribers;
+    Subscribers m_asyncSubscribers;
+    korsys::TReadWriteLock m_subscriberLock{0};
+
+    // The one that m_queue names is filled by emitters; the delivery thread has the other.
+    std::array<EventBuffer, 2> m_buffers;
+
+    // Guarded by s_lifecycleLock until the thread runs.
+    DeliveryThread m_thread;
+    std::function<void()> m_threadInitFunction;
+    std::atomic<bool> m_running{false};
+
+    korsys::TEvent m_stopEvent{false}; // signalled by the delivery thread as its last act
+    korsys::TEvent m_wakeEvent{false}; // cuts a pause of the delivery thread short
+    std::atomic<bool> m_stopRequested{false};
+
+    // Guarded by m_flushLock. The event is made by the first waiter, and taken by the delivery
+    // thread before it looks at the buffer: so whoever holds it sees all that was queued before.
+    std::mutex m_flushLock;
+    std::shared_ptr<korsys::TEvent> m_flushedEvent;
+    bool m_flushEnded = false;
+};
+
+} // namespace Metrics::detail
+
+#endif // METRICS_SRC_MANAGER_STATE_H

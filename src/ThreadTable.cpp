@@ -1,0 +1,97 @@
+#include "ThreadTable.h"
+
+#include <cerrno>
+#include <csignal>
+#include <sys/syscall.h>
+#include <thread>
+#include <unistd.h>
+
+namespace Metrics::detail {
+
+constinit __thread ThreadState t_thread{nullptr, nullptr, nullptr};
+
+bool ThreadTable::HasEnded(pid_t owner) noexcept {
+    // Signal 0 asks without sending, see tgkill(2). Any other answer counts as alive: then the
+    // record is only kept longer. The reserved record has no owner and is always alive.
+    return owner != 0 && syscall(SYS_tgkill, getpid(), owner, 0) != 0 && errno == ESRCH;
+}
+
+ThreadRecord* ThreadTable::TakeOver(pid_t owner) noexcept {
+    // A few looks for each new thread keep the table near the number of living threads, and a new
+    // thread cheap: records are found again long before their number has doubled.
+    constexpr int looks = 16;
+    ThreadRecord* record = m_candidate.load(std::memory_order_relaxed);
+    for (int i = 0; i < looks; ++i) {
+        if (record == nullptr && (record = m_first.load(std::memory_order_acquire)) == nullptr)
+            return nullptr;
+        pid_t last = record->owner.load(std::memory_order_relaxed);
+        // Two living threads have different ids, so the caller's own id means an ended owner too.
+        if ((last == owner || HasEnded(last)) &&
+            record->owner.compare_exchange_strong(last, owner, std::memory_order_relaxed)) {
+            m_candidate.store(record->next, std::memory_order_relaxed);
+            return record;
+        }
+        record = record->next;
+    }
+    m_candidate.store(record, std::memory_order_relaxed);
+    return nullptr;
+}
+
+ThreadRecord& ThreadTable::Register() {
+    const auto self = static_cast<pid_t>(syscall(SYS_gettid));
+    ThreadRecord* record = TakeOver(self);
+    if (record != nullptr) {
+        // Read acquires what the ended owner released last: its stack may be freed here.
+        static_cast<void>(record->operation.Read());
+        record->append.Abandon();
+        record->operation.Abandon();
+        record->context.reset(); // the contexts that it left attached are not ours
+    } else {
+        record = new ThreadRecord;
+        record->owner.store(self, std::memory_order_relaxed);
+        record->next = m_first.load(std::memory_order_relaxed);
+        // Sequentially consistent, see First; it also publishes the record's fields.
+        while (!m_first.compare_exchange_weak(record->next, record, std::memory_order_seq_cst)) {}
+    }
+    t_thread.record = record;
+    return *record;
+}
+
+MetricsThreadContext& ThreadTable::MakeContext() {
+    ThreadRecord& record = Current();
+    // Not make_shared: its control block brings a unique symbol, which would pin the library.
+    record.context = std::shared_ptr<MetricsThreadContext>(new MetricsThreadContext);
+    t_thread.context = record.context.get();
+    return *t_thread.context;
+}
+
+bool ThreadTable::WaitForOperations(std::chrono::steady_clock::time_point deadline) const {
+    AsymmetricBarrier::Heavy();
+    for (const ThreadRecord* r = First(); r != nullptr; r = r->next) {
+        for (const Section* section : {&r->operation, &r->append}) {
+            const std::uint32_t seen = section->Read();
+            if (!Section::IsInside(seen))
+                continue;
+            // An operation that began later finds the library switched off and touches nothing.
+            while (section->Read() == seen) {
+                if (r == t_thread.record || std::chrono::steady_clock::now() >= deadline)
+                    return false;
+                if (HasEnded(r->owner.load(std::memory_order_relaxed)))
+                    break;
+                std::this_thread::sleep_for(std::chrono::microseconds(100));
+            }
+        }
+    }
+    return true;
+}
+
+void ThreadTable::FreeRecords() noexcept {
+    const ThreadRecord* record = m_first.exchange(nullptr, std::memory_order_acquire);
+    while (record != nullptr) {
+        const ThreadRecord* const next = record->next;
+        delete record;
+        record = next;
+    }
+}
+
+} // namespace Metrics::detail

@@ -1,0 +1,176 @@
+#ifndef METRICS_SRC_THREAD_TABLE_H
+#define METRICS_SRC_THREAD_TABLE_H
+
+#include "AsymmetricBarrier.h"
+
+#include <metrics/MetricsManager.h>
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+namespace Metrics::detail {
+
+/// Says whether its thread is inside a stretch of code: odd inside, even outside.
+///
+/// Written by one thread, read by the one that waits for it. Every stretch has a number of its own,
+/// so that the waiter tells a stretch that lasts from a thread that keeps coming back.
+class Section {
+public:
+    /// @return false when the thread is inside already; only the outermost Enter is left.
+    bool Enter() noexcept {
+        const std::uint32_t count = m_count.load(std::memory_order_relaxed);
+        if ((count & 1) != 0)
+            return false;
+        if (AsymmetricBarrier::IsRegistered()) [[likely]] {
+            // Relaxed: the waiter's AsymmetricBarrier::Heavy orders this before the loads below.
+            // The fence is for the compiler only.
+            m_count.store(count + 1, std::memory_order_relaxed);
+            std::atomic_signal_fence(std::memory_order_seq_cst);
+        } else {
+            // Sequentially consistent, as are the loads that follow and the waiter's stores.
+            m_count.store(count + 1, std::memory_order_seq_cst);
+        }
+        return true;
+    }
+
+    /// Release: what was done inside comes before what the waiter does once it sees the end.
+    void Leave() noexcept {
+        m_count.store(m_count.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+    }
+
+    /// The waiter's look. Sequentially consistent (thus acquire): pairs with Enter and with Leave.
+    std::uint32_t Read() const noexcept { return m_count.load(std::memory_order_seq_cst); }
+
+    static bool IsInside(std::uint32_t count) noexcept { return (count & 1) != 0; }
+
+    /// Ends a stretch that an ended thread never left.
+    void Abandon() noexcept {
+        if (IsInside(m_count.load(std::memory_order_relaxed)))
+            Leave();
+    }
+
+private:
+    std::atomic<std::uint32_t> m_count{0};
+};
+
+/// Enters a section for the length of a block; nested blocks cost a load.
+class SectionGuard {
+public:
+    explicit SectionGuard(Section& section) noexcept
+        : m_section(section.Enter() ? &section : nullptr) {}
+    ~SectionGuard() {
+        if (m_section != nullptr)
+            m_section->Leave();
+    }
+    SectionGuard(const SectionGuard&) = delete;
+    SectionGuard& operator=(const SectionGuard&) = delete;
+
+private:
+    Section* m_section;
+};
+
+/// What the library keeps of one thread. The marks stand on the heap and not in the thread's own
+/// storage, since they are read when the thread may have ended.
+struct alignas(64) ThreadRecord {
+    // Written by the owning thread only.
+    Section append;    // it may be appending to the current event buffer
+    Section operation; // it may be using the manager's state
+    std::shared_ptr<MetricsThreadContext> context;
+
+    // Written when the record finds a new owner.
+    std::atomic<pid_t> owner{0};
+    ThreadRecord* next = nullptr; // never changes once the record is in the table
+};
+
+static_assert(sizeof(ThreadRecord) == 64, "one cache line each: no thread writes into another's");
+
+/// A consumer call in progress on this thread; they form a chain, innermost first.
+struct DeliveryFrame {
+    const IMetricsListener* listener;
+    const DeliveryFrame* outer;
+};
+
+/// What a thread finds without a look-up. Trivial: no destructor runs at thread exit, so that
+/// nothing of ours is called in a thread that outlives the library.
+struct ThreadState {
+    ThreadRecord* record;
+    MetricsThreadContext* context; // that of the record, once it exists
+    const DeliveryFrame* delivery; // null outside of consumer calls
+};
+
+// Initial-exec: one instruction to reach it, also in a library that was loaded at run time. It
+// takes 24 bytes of the loader's reserve for such variables.
+extern __thread ThreadState t_thread __attribute__((tls_model("initial-exec")));
+
+/// All threads that have used the library. A record is never freed while a thread may still write
+/// its marks; a new thread takes over the record of one that has ended.
+///
+/// Thread-safety: safe from any thread at any time, but for FreeRecords.
+class ThreadTable {
+public:
+    constexpr ThreadTable() noexcept = default;
+
+    /// The calling thread's record. @throws std::bad_alloc on a thread's first call.
+    ThreadRecord& Current() {
+        ThreadRecord* const record = t_thread.record;
+        return record != nullptr ? *record : Register();
+    }
+
+    /// The calling thread's stack of contexts. @throws std::bad_alloc on a thread's first call.
+    MetricsThreadContext& CurrentContext() {
+        MetricsThreadContext* const context = t_thread.context;
+        return context != nullptr ? *context : MakeContext();
+    }
+
+    /// Waits until no append that began before the call is in progress. `pause` is called between
+    /// looks.
+    template <class Pause>
+    void WaitForAppends(Pause pause) const {
+        for (const ThreadRecord* r = First(); r != nullptr; r = r->next)
+            WaitFor(r->append, *r, pause);
+        WaitFor(m_reserved.append, m_reserved, pause);
+    }
+
+    /// Waits until every thread was seen outside of all operations, at most until the deadline.
+    /// @return false after it, and when the calling thread itself is inside one.
+    bool WaitForOperations(std::chrono::steady_clock::time_point deadline) const;
+
+    /// The record of whoever switches the library off: that must not fail for want of memory.
+    ThreadRecord& Reserved() noexcept { return m_reserved; }
+
+    /// Frees the records, at unload, when no thread is left in the library.
+    void FreeRecords() noexcept;
+
+private:
+    ThreadRecord& Register();
+    MetricsThreadContext& MakeContext();
+    ThreadRecord* TakeOver(pid_t owner) noexcept;
+    static bool HasEnded(pid_t owner) noexcept;
+
+    // Sequentially consistent: a thread adds its record, marks it and looks at the buffer; the
+    // waiter changes the buffer and looks for records and marks. One must see the other.
+    const ThreadRecord* First() const noexcept { return m_first.load(std::memory_order_seq_cst); }
+
+    template <class Pause>
+    static void WaitFor(const Section& section, const ThreadRecord& record, Pause& pause) {
+        const std::uint32_t seen = section.Read();
+        if (!Section::IsInside(seen))
+            return;
+        while (section.Read() == seen && !HasEnded(record.owner.load(std::memory_order_relaxed)))
+            pause();
+    }
+
+    std::atomic<ThreadRecord*> m_first{nullptr}; // newest first; records are only ever added
+    std::atomic<ThreadRecord*> m_candidate{
+        nullptr}; // where the next search for an ended owner goes on
+    ThreadRecord m_reserved;
+};
+
+} // namespace Metrics::detail
+
+#endif // METRICS_SRC_THREAD_TABLE_H
