@@ -214,7 +214,7 @@ void ManagerState::BackgroundThreadProc() {
     }
 
     ReleaseConsumers();
-    s_live.m_bits.store(0, std::memory_order_relaxed);
+    s_liveMask.m_bits.store(0, std::memory_order_relaxed);
     s_live.m_queue.store(nullptr, std::memory_order_seq_cst);
     EndFlushes();
     m_stopEvent.Signal();

@@ -21,12 +21,12 @@
 
 namespace Metrics::detail {
 
-/// What every call reads. Constant-initialised and never destroyed, so that calls before the first
-/// static initialiser and after the last destructor are as good as any other.
+/// What every call reads, beside the mask (s_liveMask). Constant-initialised and never destroyed,
+/// so that calls before the first static initialiser and after the last destructor are as good as
+/// any other.
 struct LiveState {
-    // Written at configuration time, read by every call.
-    alignas(64) std::atomic<std::uint64_t> m_bits{0};  // relaxed: it guards nothing
-    std::atomic<bool> m_enabled{false};                // relaxed: m_queue says for certain
+    // Written at configuration time, m_queue once in a batch; read by every call.
+    alignas(64) std::atomic<bool> m_enabled{false};    // relaxed: m_queue says for certain
     std::atomic<bool> m_hasSyncSubscribers{false};     // sequentially consistent when written
     std::atomic<bool> s_metricsManagerDisabled{false}; // final
     std::atomic<bool> m_forkedChild{false};            // final
@@ -41,19 +41,14 @@ struct LiveState {
 };
 
 static_assert(offsetof(LiveState, m_nextContextId) == 64,
-              "what every call reads is one cache line that nobody writes while events flow");
+              "what every call reads is one cache line that no emitter writes");
 
 extern constinit LiveState s_live;
 
-/// Whether events of these bits are recorded at all; see TestBits.
+/// TestBits(eventBits, mask).
 inline bool PassesMask(std::uint64_t eventBits, std::uint64_t mask) noexcept {
     constexpr std::uint64_t categories = ~std::uint64_t{0xFFF};
     return (eventBits & categories) == 0 || (eventBits & categories & mask) != 0;
-}
-
-inline bool PassesProcess(std::uint64_t eventBits) noexcept {
-    const std::uint64_t mask = s_live.m_bits.load(std::memory_order_relaxed);
-    return mask != 0 && PassesMask(eventBits, mask);
 }
 
 /// Whether the library was switched off for good.

@@ -23,6 +23,7 @@ using std::chrono::steady_clock;
 namespace detail {
 
 constinit LiveState s_live;
+constinit LiveMask s_liveMask;
 
 } // namespace detail
 
@@ -65,7 +66,7 @@ void SwitchOffInChild() {
     s_live.m_forkedChild.store(true, std::memory_order_relaxed);
     s_live.s_metricsManagerDisabled.store(true, std::memory_order_relaxed);
     s_live.m_enabled.store(false, std::memory_order_relaxed);
-    s_live.m_bits.store(0, std::memory_order_relaxed);
+    detail::s_liveMask.m_bits.store(0, std::memory_order_relaxed);
     s_live.m_hasSyncSubscribers.store(false, std::memory_order_relaxed);
     s_live.m_queue.store(nullptr, std::memory_order_relaxed);
     s_abandoned.store(s_live.m_instance.exchange(nullptr, std::memory_order_relaxed),
@@ -130,7 +131,7 @@ struct Stamp {
 
 bool Accepts(std::uint64_t bits) noexcept {
     return s_live.m_enabled.load(std::memory_order_relaxed) && !IsOff() &&
-           detail::PassesProcess(bits);
+           detail::PassesLiveMask(bits);
 }
 
 void DeliverSynchronously(detail::ThreadRecord& record, const MetricsEvent& event) {
@@ -224,7 +225,7 @@ bool ManagerState::DisableUntil(steady_clock::time_point deadline) noexcept {
     s_live.s_metricsManagerDisabled.store(true, std::memory_order_seq_cst);
     if (!isStarted) {
         s_live.m_enabled.store(false, std::memory_order_relaxed);
-        s_live.m_bits.store(0, std::memory_order_relaxed);
+        detail::s_liveMask.m_bits.store(0, std::memory_order_relaxed);
         s_live.m_queue.store(nullptr, std::memory_order_seq_cst);
         return false;
     }
@@ -312,21 +313,21 @@ bool TestBits(std::uint64_t eventBits, std::uint64_t consumerBits) noexcept {
 }
 
 bool TestBits(std::uint64_t eventBits) noexcept {
-    return detail::PassesProcess(eventBits);
+    return detail::PassesLiveMask(eventBits);
 }
 
 std::uint64_t MetricsManager::SetBits(std::uint64_t bits) noexcept {
-    return IsOff() ? 0 : s_live.m_bits.fetch_or(bits, std::memory_order_relaxed);
+    return IsOff() ? 0 : detail::s_liveMask.m_bits.fetch_or(bits, std::memory_order_relaxed);
 }
 
 void MetricsManager::SetBitsAbsolute(std::uint64_t bits) noexcept {
     if (!IsOff())
-        s_live.m_bits.store(bits, std::memory_order_relaxed);
+        detail::s_liveMask.m_bits.store(bits, std::memory_order_relaxed);
 }
 
 void MetricsManager::ClearBits(std::uint64_t bits) noexcept {
     if (!IsOff())
-        s_live.m_bits.fetch_and(~bits, std::memory_order_relaxed);
+        detail::s_liveMask.m_bits.fetch_and(~bits, std::memory_order_relaxed);
 }
 
 // Consumers ------------------------------------------------------------------------------------
@@ -355,7 +356,7 @@ void MetricsManager::EmitEvent(std::shared_ptr<MetricsEvent> event) {
     if (event == nullptr || IsOff() || !s_live.m_enabled.load(std::memory_order_relaxed))
         return;
     const bool isShutdown = event->eventType == MetricsEventType::Shutdown;
-    if (!isShutdown && !detail::PassesProcess(event->bits))
+    if (!isShutdown && !detail::PassesLiveMask(event->bits))
         return;
     detail::ThreadRecord& record = s_live.m_threadContexts.Current();
     const Stamp stamp;

@@ -6,7 +6,7 @@
 namespace Metrics {
 
 bool TestBitsAndContext(std::uint64_t bits) noexcept {
-    if (!detail::PassesProcess(bits))
+    if (!detail::PassesLiveMask(bits))
         return false;
     const Context* const current = detail::CurrentContext();
     return current != nullptr && current->IsEnabled();
@@ -29,7 +29,7 @@ void Scope::OpenImpl(MetricsValue&& label, std::uint64_t /*bits*/) {
     try {
         current->OpenScope();
         if (m_isOpen)
-            EmitImpl(MetricsEventType::ScopeOpened, MetricsValue(m_label), MetricsValue());
+            EmitImpl(MetricsEventType::ScopeOpened, MetricsValue(*m_label), MetricsValue());
     } catch (...) {
         m_isOpen = false;
         throw;
@@ -47,7 +47,7 @@ void Scope::Close() {
     if (!m_isOpen)
         return;
     m_isOpen = false;
-    EmitImpl(MetricsEventType::ScopeClosed, MetricsValue(m_label), MetricsValue());
+    EmitImpl(MetricsEventType::ScopeClosed, MetricsValue(*m_label), MetricsValue());
 }
 
 void Scope::CloseQuietly() noexcept {

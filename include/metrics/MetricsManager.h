@@ -4,6 +4,7 @@
 #include <metrics/MetricsEvent.h>
 #include <metrics/MetricsExport.h>
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -12,6 +13,26 @@
 namespace Metrics {
 
 class Context;
+
+namespace detail {
+
+/// The manager's mask, on a cache line of its own. It is exported so that a call whose category is
+/// off ends in the caller's own code, after one load; change it through the manager only.
+struct alignas(64) LiveMask {
+    std::atomic<std::uint64_t> m_bits{0};
+};
+
+extern METRICS_EXPORT LiveMask s_liveMask;
+
+/// TestBits(eventBits), in the caller's own code.
+inline bool PassesLiveMask(std::uint64_t eventBits) noexcept {
+    constexpr std::uint64_t categories = ~std::uint64_t{0xFFF};
+    // Relaxed: the mask guards nothing. A call that races with a change may go either way.
+    const std::uint64_t mask = s_liveMask.m_bits.load(std::memory_order_relaxed);
+    return (eventBits & mask & categories) != 0 || (mask != 0 && (eventBits & categories) == 0);
+}
+
+} // namespace detail
 
 /// Whether an event of category mask `eventBits` passes a consumer of mask `consumerBits`: true
 /// when the event has no category (bits 12 to 63 all clear), else when the two share one.
