@@ -8,7 +8,7 @@ namespace Metrics::detail {
 
 namespace {
 
-constexpr std::size_t usualCapacity = 64 * 1024;
+constexpr std::size_t usualCapacity = 65536;
 
 // The longest number is a double: sign, 309 digits, point, 6 digits.
 using NumberBuffer = std::array<char, 320>;

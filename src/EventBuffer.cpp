@@ -42,7 +42,7 @@ EventBuffer::Chunk& EventBuffer::FindOrAllocate(std::size_t number) {
     // Whoever finds something missing makes it and offers it. Several may at once; one offer is
     // taken and the others are dropped, so that nobody waits for a thread that was interrupted.
     const Place place = PlaceOf(number);
-    ChunkPtr* level = m_firstLevel.data();
+    auto* level = m_firstLevel.data();
     if (place.level > 0) {
         level = m_levels[place.level].load(std::memory_order_acquire);
         if (level == nullptr) {

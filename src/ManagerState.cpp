@@ -151,7 +151,7 @@ void ManagerState::ReleaseConsumers() {
 // Delivery thread ------------------------------------------------------------------------------
 
 EventBuffer& ManagerState::Other(const EventBuffer& buffer) noexcept {
-    return m_buffers[&buffer == &m_buffers[0] ? 1 : 0];
+    return m_buffers[&buffer == m_buffers.data() ? 1 : 0];
 }
 
 void ManagerState::RunThreadInitFunction() {

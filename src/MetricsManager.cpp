@@ -8,6 +8,7 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <mutex>
 #include <new>
 
@@ -41,13 +42,15 @@ constinit std::atomic<bool> s_freeing{false};   // somebody has claimed the inst
 constinit std::atomic<ManagerState*> s_abandoned{nullptr}; // kept for a thread that never ended
 constinit bool s_forkHandlerRegistered = false;            // guarded by s_lifecycleLock
 constinit bool s_unloading = false;
+constinit bool s_exiting = false;
 
 /// Runs when the process exits or the library is unloaded.
 struct MetricsManagerHolder {
     ~MetricsManagerHolder() {
         MetricsManager::ShutdownAndFreeInstance();
-        // At exit other threads may still come by, at unload none may.
-        if (s_unloading && s_abandoned.load(std::memory_order_relaxed) == nullptr)
+        // At exit other threads may still come by, and the memory goes with the process.
+        if (!s_exiting && !detail::InForkedChild() &&
+            s_abandoned.load(std::memory_order_relaxed) == nullptr)
             s_live.m_threadContexts.FreeRecords();
     }
 };
@@ -55,7 +58,8 @@ struct MetricsManagerHolder {
 // The library's static initialisers: the manager's first, the clock's second.
 [[gnu::init_priority(200)]] MetricsManagerHolder s_metricsManager;
 
-/// At unload the loader runs this before the destructors of static objects, at exit after them.
+/// At unload the loader runs this first, before the destructors of static objects. At exit it may
+/// run before or after them, but always after what was registered once main had begun.
 [[gnu::destructor]] void MarkUnloading() {
     s_unloading = true;
 }
@@ -100,10 +104,14 @@ void CreateInstance() {
     if (IsOff())
         return;
     const std::lock_guard lock(s_lifecycleLock);
-    if (s_live.m_instance.load(std::memory_order_relaxed) == nullptr &&
-        !s_freeing.load(std::memory_order_relaxed))
-        // Release: the new instance. Sequentially consistent, see Instance.
-        s_live.m_instance.store(new ManagerState, std::memory_order_seq_cst);
+    if (s_live.m_instance.load(std::memory_order_relaxed) != nullptr ||
+        s_freeing.load(std::memory_order_relaxed))
+        return;
+    auto instance = std::make_unique<ManagerState>();
+    if (std::atexit([] { s_exiting = !s_unloading; }) != 0)
+        throw std::bad_alloc(); // the only reason for it to fail
+    // Release: the new instance. Sequentially consistent, see Instance.
+    s_live.m_instance.store(instance.release(), std::memory_order_seq_cst);
 }
 
 /// The instance, for use inside an operation section only. Sequentially consistent: whoever frees
@@ -193,7 +201,7 @@ void ManagerState::Enable() {
     RegisterForkHandler();
     AsymmetricBarrier::Register();
     // Accepting from here on: what is emitted before the thread has run is delivered too.
-    s_live.m_queue.store(&m_buffers[0], std::memory_order_seq_cst);
+    s_live.m_queue.store(m_buffers.data(), std::memory_order_seq_cst);
     s_live.m_enabled.store(true, std::memory_order_relaxed);
     m_running.store(true, std::memory_order_relaxed);
     try {

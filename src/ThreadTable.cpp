@@ -10,13 +10,26 @@ namespace Metrics::detail {
 
 constinit __thread ThreadState t_thread{nullptr, nullptr, nullptr};
 
-bool ThreadTable::HasEnded(pid_t owner) noexcept {
+namespace {
+
+pid_t ThreadId(std::uint64_t owner) noexcept {
+    return static_cast<pid_t>(owner & 0xFFFFFFFF);
+}
+
+std::uint64_t NextOwner(std::uint64_t last, pid_t self) noexcept {
+    return (((last >> 32) + 1) << 32) | static_cast<std::uint32_t>(self);
+}
+
+} // namespace
+
+bool ThreadTable::HasEnded(const ThreadRecord& record) noexcept {
+    const pid_t owner = ThreadId(record.owner.load(std::memory_order_relaxed));
     // Signal 0 asks without sending, see tgkill(2). Any other answer counts as alive: then the
     // record is only kept longer. The reserved record has no owner and is always alive.
     return owner != 0 && syscall(SYS_tgkill, getpid(), owner, 0) != 0 && errno == ESRCH;
 }
 
-ThreadRecord* ThreadTable::TakeOver(pid_t owner) noexcept {
+ThreadRecord* ThreadTable::TakeOver(pid_t self) noexcept {
     // A few looks for each new thread keep the table near the number of living threads, and a new
     // thread cheap: records are found again long before their number has doubled.
     constexpr int looks = 16;
@@ -24,10 +37,11 @@ ThreadRecord* ThreadTable::TakeOver(pid_t owner) noexcept {
     for (int i = 0; i < looks; ++i) {
         if (record == nullptr && (record = m_first.load(std::memory_order_acquire)) == nullptr)
             return nullptr;
-        pid_t last = record->owner.load(std::memory_order_relaxed);
+        std::uint64_t last = record->owner.load(std::memory_order_relaxed);
         // Two living threads have different ids, so the caller's own id means an ended owner too.
-        if ((last == owner || HasEnded(last)) &&
-            record->owner.compare_exchange_strong(last, owner, std::memory_order_relaxed)) {
+        if ((ThreadId(last) == self || HasEnded(*record)) &&
+            record->owner.compare_exchange_strong(last, NextOwner(last, self),
+                                                  std::memory_order_relaxed)) {
             m_candidate.store(record->next, std::memory_order_relaxed);
             return record;
         }
@@ -48,7 +62,7 @@ ThreadRecord& ThreadTable::Register() {
         record->context.reset(); // the contexts that it left attached are not ours
     } else {
         record = new ThreadRecord;
-        record->owner.store(self, std::memory_order_relaxed);
+        record->owner.store(NextOwner(0, self), std::memory_order_relaxed);
         record->next = m_first.load(std::memory_order_relaxed);
         // Sequentially consistent, see First; it also publishes the record's fields.
         while (!m_first.compare_exchange_weak(record->next, record, std::memory_order_seq_cst)) {}
@@ -59,8 +73,7 @@ ThreadRecord& ThreadTable::Register() {
 
 MetricsThreadContext& ThreadTable::MakeContext() {
     ThreadRecord& record = Current();
-    // Not make_shared: its control block brings a unique symbol, which would pin the library.
-    record.context = std::shared_ptr<MetricsThreadContext>(new MetricsThreadContext);
+    record.context = std::make_shared<MetricsThreadContext>();
     t_thread.context = record.context.get();
     return *t_thread.context;
 }
@@ -76,7 +89,7 @@ bool ThreadTable::WaitForOperations(std::chrono::steady_clock::time_point deadli
             while (section->Read() == seen) {
                 if (r == t_thread.record || std::chrono::steady_clock::now() >= deadline)
                     return false;
-                if (HasEnded(r->owner.load(std::memory_order_relaxed)))
+                if (HasEnded(*r))
                     break;
                 std::this_thread::sleep_for(std::chrono::microseconds(100));
             }
@@ -86,12 +99,20 @@ bool ThreadTable::WaitForOperations(std::chrono::steady_clock::time_point deadli
 }
 
 void ThreadTable::FreeRecords() noexcept {
-    const ThreadRecord* record = m_first.exchange(nullptr, std::memory_order_acquire);
+    ThreadRecord* record = m_first.exchange(nullptr, std::memory_order_acquire);
+    m_candidate.store(nullptr, std::memory_order_relaxed);
     while (record != nullptr) {
-        const ThreadRecord* const next = record->next;
-        delete record;
+        ThreadRecord* const next = record->next;
+        if (record == t_thread.record || HasEnded(*record)) {
+            delete record;
+        } else {
+            record->next = m_first.load(std::memory_order_relaxed);
+            m_first.store(record, std::memory_order_relaxed);
+        }
         record = next;
     }
+    t_thread.record = nullptr;
+    t_thread.context = nullptr;
 }
 
 } // namespace Metrics::detail

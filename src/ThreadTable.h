@@ -82,8 +82,9 @@ struct alignas(64) ThreadRecord {
     Section operation; // it may be using the manager's state
     std::shared_ptr<MetricsThreadContext> context;
 
-    // Written when the record finds a new owner.
-    std::atomic<pid_t> owner{0};
+    // Written when the record finds a new owner: its thread id, and in the upper half how many
+    // there were before, so that no two threads take over the same record from the same owner.
+    std::atomic<std::uint64_t> owner{0};
     ThreadRecord* next = nullptr; // never changes once the record is in the table
 };
 
@@ -110,7 +111,7 @@ extern __thread ThreadState t_thread __attribute__((tls_model("initial-exec")));
 /// All threads that have used the library. A record is never freed while a thread may still write
 /// its marks; a new thread takes over the record of one that has ended.
 ///
-/// Thread-safety: safe from any thread at any time, but for FreeRecords.
+/// Thread-safety: safe from any thread at any time, but for FreeRecords: one thread at a time.
 class ThreadTable {
 public:
     constexpr ThreadTable() noexcept = default;
@@ -143,14 +144,15 @@ public:
     /// The record of whoever switches the library off: that must not fail for want of memory.
     ThreadRecord& Reserved() noexcept { return m_reserved; }
 
-    /// Frees the records, at unload, when no thread is left in the library.
+    /// Frees the records of the calling thread and of threads that have ended, at exit or unload. A
+    /// living thread may be about to write into its own, so that one stays.
     void FreeRecords() noexcept;
 
 private:
     ThreadRecord& Register();
     MetricsThreadContext& MakeContext();
-    ThreadRecord* TakeOver(pid_t owner) noexcept;
-    static bool HasEnded(pid_t owner) noexcept;
+    ThreadRecord* TakeOver(pid_t self) noexcept;
+    static bool HasEnded(const ThreadRecord& record) noexcept;
 
     // Sequentially consistent: a thread adds its record, marks it and looks at the buffer; the
     // waiter changes the buffer and looks for records and marks. One must see the other.
@@ -161,7 +163,7 @@ private:
         const std::uint32_t seen = section.Read();
         if (!Section::IsInside(seen))
             return;
-        while (section.Read() == seen && !HasEnded(record.owner.load(std::memory_order_relaxed)))
+        while (section.Read() == seen && !HasEnded(record))
             pause();
     }
 
