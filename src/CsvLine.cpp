@@ -98,7 +98,8 @@ void CsvLine::AppendText(std::string_view text) {
     // Apostrophes go, all of them, when the text begins with one. Double quotes and line feeds
     // become two double quotes each, and the field is quoted when there was one.
     const bool dropApostrophes = !text.empty() && text.front() == '\'';
-    const bool quote = text.find_first_of("\"\n") != std::string_view::npos;
+    const bool quote =
+        text.find('"') != std::string_view::npos || text.find('\n') != std::string_view::npos;
     if (!dropApostrophes && !quote) {
         m_line += text;
         return;

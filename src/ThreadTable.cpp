@@ -55,10 +55,8 @@ ThreadRecord& ThreadTable::Register() {
     const auto self = static_cast<pid_t>(syscall(SYS_gettid));
     ThreadRecord* record = TakeOver(self);
     if (record != nullptr) {
-        // Read acquires what the ended owner released last: its stack may be freed here.
-        static_cast<void>(record->operation.Read());
-        record->append.Abandon();
-        record->operation.Abandon();
+        record->append.TakeOver();
+        record->operation.TakeOver();
         record->context.reset(); // the contexts that it left attached are not ours
     } else {
         record = new ThreadRecord;

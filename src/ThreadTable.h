@@ -48,9 +48,11 @@ public:
 
     static bool IsInside(std::uint32_t count) noexcept { return (count & 1) != 0; }
 
-    /// Ends a stretch that an ended thread never left.
-    void Abandon() noexcept {
-        if (IsInside(m_count.load(std::memory_order_relaxed)))
+    /// Begins the use by another thread; ends a stretch that an ended thread never left. Acquires
+    /// what that one released last: its appends come before the new owner's, its stack may be
+    /// freed.
+    void TakeOver() noexcept {
+        if (IsInside(Read()))
             Leave();
     }
 

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <type_traits>
 
 /// Emits ContextCreated for a new id, unless it is 0. Context::Create does this for you.
 ///
@@ -46,6 +47,13 @@ public:
     /// Thread-safety: safe from any thread at any time.
     /// @throws std::bad_alloc, and what a synchronous consumer throws.
     static std::uint64_t Create(std::uint64_t parentId);
+
+    /// The same from an integer of any other type, which would fit both of the above equally well.
+    template <class Id,
+              class = std::enable_if_t<std::is_integral_v<Id> && !std::is_same_v<Id, bool>>>
+    static std::uint64_t Create(Id parentId) {
+        return Create(static_cast<std::uint64_t>(parentId));
+    }
 
     /// Opens the context with an id from Create: announces it and makes it the calling thread's
     /// current context. With id 0 it is disabled.
