@@ -162,11 +162,10 @@ void ManagerState::RunThreadInitFunction() {
 }
 
 bool ManagerState::DeliverBatch(EventBuffer& filled, bool urgent) {
-    // Sequentially consistent: see AsymmetricBarrier. It also hands the emptied buffer over.
+    // Sequentially consistent: see Section::Enter. It also hands the emptied buffer over.
     s_live.m_queue.store(&Other(filled), std::memory_order_seq_cst);
     if (!urgent)
         m_wakeEvent.Wait(drainStep);
-    AsymmetricBarrier::Heavy();
     s_live.m_threadContexts.WaitForAppends([] { std::this_thread::sleep_for(urgentStep); });
 
     const std::size_t before = filled.Capacity();

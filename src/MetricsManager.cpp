@@ -155,7 +155,7 @@ void EmitStamped(detail::ThreadRecord& record, const MetricsEvent& event, Append
     if (s_live.m_hasSyncSubscribers.load(std::memory_order_seq_cst))
         DeliverSynchronously(record, event);
     const SectionGuard guard(record.append);
-    // Sequentially consistent, see AsymmetricBarrier: the delivery thread changes the pointer, then
+    // Sequentially consistent, see Section::Enter: the delivery thread changes the pointer, then
     // looks at the sections. It also acquires the emptied buffer.
     if (detail::EventBuffer* const queue = s_live.m_queue.load(std::memory_order_seq_cst))
         append(*queue);
@@ -199,7 +199,6 @@ void ManagerState::Enable() {
     if (s_disabling.load(std::memory_order_relaxed) || m_thread.IsStarted())
         return;
     RegisterForkHandler();
-    AsymmetricBarrier::Register();
     // Accepting from here on: what is emitted before the thread has run is delivered too.
     s_live.m_queue.store(m_buffers.data(), std::memory_order_seq_cst);
     s_live.m_enabled.store(true, std::memory_order_relaxed);

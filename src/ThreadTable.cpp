@@ -77,7 +77,6 @@ MetricsThreadContext& ThreadTable::MakeContext() {
 }
 
 bool ThreadTable::WaitForOperations(std::chrono::steady_clock::time_point deadline) const {
-    AsymmetricBarrier::Heavy();
     for (const ThreadRecord* r = First(); r != nullptr; r = r->next) {
         for (const Section* section : {&r->operation, &r->append}) {
             const std::uint32_t seen = section->Read();
