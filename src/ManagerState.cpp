@@ -11,7 +11,7 @@ namespace {
 
 constexpr unsigned int idlePause = 100; // ms between looks at an empty buffer
 constexpr unsigned int drainStep = 5;   // ms from a swap to the walk; batches what comes meanwhile
-constexpr std::chrono::microseconds urgentStep{50}; // the same when somebody waits
+constexpr std::chrono::microseconds pollStep{50}; // between looks at what ends in a moment
 constexpr std::size_t restingCapacity = 16 * EventBuffer::slotsPerChunk;
 
 class FrameGuard {
@@ -57,6 +57,20 @@ public:
         if (m_lock != nullptr)
             m_lock->LockRead();
     }
+    /// Gives up at the deadline; IsHeld tells.
+    ReadLock(korsys::TReadWriteLock& lock,
+             std::chrono::steady_clock::time_point deadline) noexcept {
+        if (t_thread.delivery != nullptr)
+            return;
+        while (!lock.TryLockRead()) {
+            if (std::chrono::steady_clock::now() >= deadline) {
+                m_held = false;
+                return;
+            }
+            std::this_thread::sleep_for(pollStep);
+        }
+        m_lock = &lock;
+    }
     ~ReadLock() {
         // A consumer may have forked: the lock in the child is in nobody's hands.
         if (m_lock != nullptr && !InForkedChild())
@@ -65,8 +79,11 @@ public:
     ReadLock(const ReadLock&) = delete;
     ReadLock& operator=(const ReadLock&) = delete;
 
+    bool IsHeld() const noexcept { return m_held; }
+
 private:
-    korsys::TReadWriteLock* m_lock;
+    korsys::TReadWriteLock* m_lock = nullptr; // null when it was held before, or not to be had
+    bool m_held = true;
 };
 
 // Consumers ------------------------------------------------------------------------------------
@@ -90,10 +107,14 @@ void ManagerState::DeliverSynchronously(const MetricsEvent& event) {
               [&event](IMetricsListener& listener) { listener.OnMetricsEvent(event); });
 }
 
-void ManagerState::DeliverShutdown(const MetricsEvent& event) noexcept {
+void ManagerState::DeliverShutdown(const MetricsEvent& event,
+                                   std::chrono::steady_clock::time_point deadline) noexcept {
     if (!s_live.m_hasSyncSubscribers.load(std::memory_order_seq_cst))
         return;
-    const ReadLock lock(m_subscriberLock);
+    // A consumer may be stuck, and a registration may wait for it: that must not stop the end.
+    const ReadLock lock(m_subscriberLock, deadline);
+    if (!lock.IsHeld())
+        return;
     DeliverTo(m_syncSubscribers, event, [&event](IMetricsListener& listener) {
         CallQuietly([&] { listener.OnMetricsEvent(event); });
     });
@@ -166,7 +187,7 @@ bool ManagerState::DeliverBatch(EventBuffer& filled, bool urgent) {
     s_live.m_queue.store(&Other(filled), std::memory_order_seq_cst);
     if (!urgent)
         m_wakeEvent.Wait(drainStep);
-    s_live.m_threadContexts.WaitForAppends([] { std::this_thread::sleep_for(urgentStep); });
+    s_live.m_threadContexts.WaitForAppends([] { std::this_thread::sleep_for(pollStep); });
 
     const std::size_t before = filled.Capacity();
     const std::size_t events = filled.Size();

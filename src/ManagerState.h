@@ -114,7 +114,8 @@ private:
 
     void BackgroundThreadProc();
     void RunThreadInitFunction();
-    void DeliverShutdown(const MetricsEvent& event) noexcept;
+    void DeliverShutdown(const MetricsEvent& event,
+                         std::chrono::steady_clock::time_point deadline) noexcept;
     bool DeliverBatch(EventBuffer& filled, bool urgent);
     void ReleaseConsumers();
     void EndFlushes();

@@ -224,7 +224,7 @@ bool ManagerState::DisableUntil(steady_clock::time_point deadline) noexcept {
         event.timestamp = stamp.timestamp;
         event.unixSeconds = stamp.unixSeconds;
         event.unixMicroseconds = stamp.unixMicroseconds;
-        DeliverShutdown(event);
+        DeliverShutdown(event, deadline);
         const SectionGuard guard(s_live.m_threadContexts.Reserved().append);
         if (EventBuffer* const queue = s_live.m_queue.load(std::memory_order_seq_cst))
             queue->AppendShutdown();

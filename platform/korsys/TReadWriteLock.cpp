@@ -28,6 +28,10 @@ void TReadWriteLock::LockRead() noexcept {
     pthread_rwlock_rdlock(&m_lock);
 }
 
+bool TReadWriteLock::TryLockRead() noexcept {
+    return pthread_rwlock_tryrdlock(&m_lock) == 0;
+}
+
 void TReadWriteLock::UnlockRead() noexcept {
     pthread_rwlock_unlock(&m_lock);
 }

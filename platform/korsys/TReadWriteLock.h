@@ -23,10 +23,11 @@ public:
     TReadWriteLock(const TReadWriteLock&) = delete;
     TReadWriteLock& operator=(const TReadWriteLock&) = delete;
 
-    void Lock() noexcept;       ///< Waits until nobody reads or writes.
-    void Unlock() noexcept;     ///< Ends what Lock began.
-    void LockRead() noexcept;   ///< Waits until nobody writes or waits to write.
-    void UnlockRead() noexcept; ///< Ends what LockRead began.
+    void Lock() noexcept;        ///< Waits until nobody reads or writes.
+    void Unlock() noexcept;      ///< Ends what Lock began.
+    void LockRead() noexcept;    ///< Waits until nobody writes or waits to write.
+    bool TryLockRead() noexcept; ///< Like LockRead, but returns false instead of waiting.
+    void UnlockRead() noexcept;  ///< Ends what LockRead or TryLockRead began.
 
 private:
     pthread_rwlock_t m_lock;
