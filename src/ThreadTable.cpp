@@ -33,7 +33,8 @@ ThreadRecord* ThreadTable::TakeOver(pid_t self) noexcept {
     // A few looks for each new thread keep the table near the number of living threads, and a new
     // thread cheap: records are found again long before their number has doubled.
     constexpr int looks = 16;
-    ThreadRecord* record = m_candidate.load(std::memory_order_relaxed);
+    // Acquire and release: whoever follows the pointer reads what the maker of the record wrote.
+    ThreadRecord* record = m_candidate.load(std::memory_order_acquire);
     for (int i = 0; i < looks; ++i) {
         if (record == nullptr && (record = m_first.load(std::memory_order_acquire)) == nullptr)
             return nullptr;
@@ -42,12 +43,12 @@ ThreadRecord* ThreadTable::TakeOver(pid_t self) noexcept {
         if ((ThreadId(last) == self || HasEnded(*record)) &&
             record->owner.compare_exchange_strong(last, NextOwner(last, self),
                                                   std::memory_order_relaxed)) {
-            m_candidate.store(record->next, std::memory_order_relaxed);
+            m_candidate.store(record->next, std::memory_order_release);
             return record;
         }
         record = record->next;
     }
-    m_candidate.store(record, std::memory_order_relaxed);
+    m_candidate.store(record, std::memory_order_release);
     return nullptr;
 }
 
