@@ -1,0 +1,140 @@
+#include "Bench.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <iterator>
+#include <string>
+#include <string_view>
+
+namespace bench {
+
+namespace {
+
+using benchmark::DoNotOptimize;
+using benchmark::State;
+using Metrics::Context;
+
+namespace Bits = Metrics::MetricsBits;
+
+constexpr Size sustained{1, 2'000'000};
+constexpr Size csvLines{1, 100'000};
+constexpr const char* csvFile = "bench.csv";
+
+/// The two clock reads that every accepted event needs.
+void ClockReads(State& state) {
+    RunCalls(state, figureSize, [](std::int64_t) {
+        std::uint64_t seconds = 0;
+        std::uint32_t microseconds = 0;
+        DoNotOptimize(Metrics::AppUpTime());
+        Metrics::CurrentUnixTime(&seconds, &microseconds);
+        DoNotOptimize(seconds);
+        DoNotOptimize(microseconds);
+    });
+}
+
+/// A call whose category is off, in a thread that has a context.
+template <class Call>
+void Filtered(State& state, Call call) {
+    Context context(0, Context::Create(true));
+    if (Metrics::TestBits(Bits::net))
+        state.SkipWithError("the category is on");
+    RunCalls(state, figureSize, call);
+}
+
+/// The call alone, on the emitting threads; a counting consumer gets the events afterwards.
+void Emit(State& state) {
+    const Registered<CountingConsumer> consumer;
+    Context context(0, Context::Create(true));
+    RunCalls(
+        state, figureSize, [&context](std::int64_t i) { context.Emit(i, 0.5); }, Flush);
+}
+
+/// From the first emit until the consumer has seen all.
+void Sustained(State& state) {
+    const Registered<CountingConsumer> consumer;
+    Context context(0, Context::Create(true));
+    RunBursts(state, sustained, [&] {
+        const std::uint64_t expected = consumer->Count() + sustained.calls;
+        for (std::size_t i = 0; i < sustained.calls; ++i)
+            context.Emit(i, 0.5);
+        Flush();
+        if (consumer->Count() < expected)
+            state.SkipWithError("events are missing");
+    });
+}
+
+/// The delivery of events that are all queued before: rendering and writing, without the emits. The
+/// gate, which holds them back until then, adds an empty virtual call to each line.
+void CsvClient(State& state) {
+    const Registered<Gate> gate;
+    Metrics::MetricsRawClient client;
+    client.SetBits("act", true);
+    client.SetOutputFileName(csvFile);
+    const auto deliver = [&] {
+        gate->Open();
+        Flush();
+    };
+    const auto queueLines = [&] {
+        client.Open(); // a new file
+        Context context(0, Context::Create(true));
+        gate->Shut(context);
+        for (std::size_t i = 0; i < csvLines.calls; ++i)
+            context.Emit(i, 0.5);
+    };
+    RunBursts(state, csvLines, deliver, Nothing{}, queueLines);
+}
+
+/// What the client writes.
+std::string ClientLines() {
+    Metrics::MetricsRawClient client;
+    client.SetBits("act", true);
+    client.SetOutputFileName(csvFile);
+    client.Open();
+    Context context(0, Context::Create(true));
+    for (std::size_t i = 0; i < csvLines.calls; ++i)
+        context.Emit(i, 0.5);
+    client.Close();
+    std::ifstream file(csvFile);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+/// The client's lines, each with one write(2), into a new file.
+void CsvWrite(State& state) {
+    static const std::string content = ClientLines();
+    std::vector<std::string_view> lines;
+    for (std::string_view rest = content; !rest.empty(); rest.remove_prefix(lines.back().size()))
+        lines.push_back(rest.substr(0, rest.find('\n') + 1));
+    if (lines.size() < csvLines.calls)
+        return state.SkipWithError("lines are missing");
+    lines.resize(csvLines.calls);
+    int file = -1;
+    const auto writeLines = [&] {
+        for (const std::string_view line : lines)
+            if (write(file, line.data(), line.size()) < 0)
+                state.SkipWithError("write failed");
+    };
+    const auto openFile = [&] {
+        file = open(csvFile, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    };
+    RunBursts(
+        state, csvLines, writeLines, [&] { close(file); }, openFile);
+}
+
+} // namespace
+
+void RegisterFigures() {
+    Register("figure/csv-client", 1, 3, CsvClient);
+    Register("figure/csv-write", 1, 3, CsvWrite);
+    Register("figure/sustained", 1, 3, Sustained);
+    Register("figure/clock-reads", 2, 7, ClockReads);
+    Register("figure/emit", 2, 7, Emit);
+    Register("figure/filtered-attribute", 1, 7, [](State& state) {
+        Filtered(state, [](std::int64_t i) { Metrics::Attribute("name", i, Bits::net); });
+    });
+    Register("figure/filtered-scope", 1, 7, [](State& state) {
+        Filtered(state, [](std::int64_t) { Metrics::Scope scope("label", Bits::net); });
+    });
+}
+
+} // namespace bench

@@ -1,0 +1,109 @@
+#include "Bench.h"
+
+#include <dlfcn.h>
+
+#include <cstdio>
+#include <thread>
+
+// Allocations are counted where they come by: operator new ends in malloc or aligned_alloc, and the
+// buffers' memory comes from TBB.
+
+namespace {
+
+std::atomic<int> s_mallocCalls{0};
+std::atomic<int> s_tbbCalls{0};
+
+} // namespace
+
+extern "C" {
+void* __libc_malloc(std::size_t size);
+void* __libc_calloc(std::size_t count, std::size_t size);
+void* __libc_memalign(std::size_t alignment, std::size_t size);
+
+void* malloc(std::size_t size) {
+    s_mallocCalls.fetch_add(1, std::memory_order_relaxed);
+    return __libc_malloc(size);
+}
+void* calloc(std::size_t count, std::size_t size) {
+    s_mallocCalls.fetch_add(1, std::memory_order_relaxed);
+    return __libc_calloc(count, size);
+}
+void* aligned_alloc(std::size_t alignment, std::size_t size) {
+    s_mallocCalls.fetch_add(1, std::memory_order_relaxed);
+    return __libc_memalign(alignment, size);
+}
+}
+
+namespace tbb::detail::r1 {
+void* cache_aligned_allocate(std::size_t size);
+void* cache_aligned_allocate(std::size_t size) {
+    static const auto next = reinterpret_cast<void* (*)(std::size_t)>(
+        dlsym(RTLD_NEXT, "_ZN3tbb6detail2r122cache_aligned_allocateEm"));
+    s_tbbCalls.fetch_add(1, std::memory_order_relaxed);
+    return next(size);
+}
+} // namespace tbb::detail::r1
+
+namespace {
+
+constexpr int burst = 1'000'000;
+
+/// Emits a burst. @return seconds.
+double EmitBurst(Metrics::Context& context) {
+    const auto start = bench::Clock::now();
+    for (int i = 0; i < burst; ++i)
+        context.Emit(i, 0.5);
+    return bench::SecondsSince(start);
+}
+
+void PrintPerEvent(const char* name, double sum, double events = burst) {
+    std::printf("\"%s\": %.6g,\n", name, sum / events);
+}
+
+} // namespace
+
+/// Prints what an event of two numbers costs in memory and allocations, as JSON.
+int main() {
+    bench::Manager().Enable();
+    bench::Manager().SetBits(Metrics::MetricsBits::act);
+    const bench::Registered<bench::Gate> gate;
+    const bench::Registered<bench::CountingConsumer> consumer;
+    Metrics::Context context(0, Metrics::Context::Create(true));
+    std::printf("{\n");
+
+    // Delivery is held back, so that every event stays in memory, and the buffer grows.
+    gate->Shut(context);
+    const double before = bench::ResidentMemory();
+    s_mallocCalls = s_tbbCalls = 0;
+    const double seconds = EmitBurst(context);
+    PrintPerEvent("growing_malloc", s_mallocCalls);
+    PrintPerEvent("growing_tbb", s_tbbCalls);
+    PrintPerEvent("growing_ns", seconds * 1e9);
+    const double full = bench::ResidentMemory();
+    PrintPerEvent("bytes", full - before);
+
+    // What of that is still resident once all is delivered, and how soon it is given back.
+    const auto left = [&] { return (bench::ResidentMemory() - before) / (full - before); };
+    gate->Open();
+    bench::Flush();
+    const auto drained = bench::Clock::now();
+    std::printf("\"left_when_drained\": %.3f,\n", left());
+    while (left() > 0.05 && bench::SecondsSince(drained) < 5)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    std::printf("\"given_back_seconds\": %.3f,\n", bench::SecondsSince(drained));
+    std::printf("\"left_at_last\": %.3f,\n", left());
+
+    // Bursts that come while the one before is delivered, with the buffers as large as they get.
+    for (int i = 0; i < 3; ++i)
+        EmitBurst(context);
+    const std::uint64_t deliveredBefore = consumer->Count();
+    s_mallocCalls = s_tbbCalls = 0;
+    for (int i = 0; i < 10; ++i)
+        EmitBurst(context);
+    bench::Flush();
+    const auto delivered = static_cast<double>(consumer->Count() - deliveredBefore);
+    PrintPerEvent("steady_malloc", s_mallocCalls, 10 * burst);
+    PrintPerEvent("steady_tbb", s_tbbCalls, 10 * burst);
+    std::printf("\"steady_delivered\": %.0f\n}\n", delivered);
+    return delivered < 10 * burst ? 1 : 0;
+}

@@ -1,0 +1,40 @@
+# What `cmake --install` puts down. Two components, which are also the two Debian packages: what a
+# program needs to run, and what it needs to be built.
+include(CMakePackageConfigHelpers)
+
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Metrics)
+set(pkgconfig_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+install(TARGETS metrics EXPORT MetricsTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development)
+install(DIRECTORY include/metrics DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development
+    FILES_MATCHING PATTERN *.h)
+install(DIRECTORY platform/korsys DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development
+    FILES_MATCHING PATTERN *.h)
+
+install(EXPORT MetricsTargets NAMESPACE Metrics:: DESTINATION ${package_dir} COMPONENT development)
+configure_package_config_file(cmake/MetricsConfig.cmake.in MetricsConfig.cmake
+    INSTALL_DESTINATION ${package_dir} NO_SET_AND_CHECK_MACRO)
+write_basic_package_version_file(MetricsConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES
+    ${CMAKE_CURRENT_BINARY_DIR}/MetricsConfig.cmake
+    ${CMAKE_CURRENT_BINARY_DIR}/MetricsConfigVersion.cmake
+    DESTINATION ${package_dir} COMPONENT development)
+
+# The paths in the .pc file are told from its own place, so that the tree may be moved, and
+# installed with another --prefix than it was configured with.
+cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX
+    BASE_DIRECTORY ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig OUTPUT_VARIABLE pc_prefix)
+cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_LIBDIR
+    BASE_DIRECTORY ${CMAKE_INSTALL_PREFIX} OUTPUT_VARIABLE pc_libdir)
+cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_INCLUDEDIR
+    BASE_DIRECTORY ${CMAKE_INSTALL_PREFIX} OUTPUT_VARIABLE pc_includedir)
+configure_file(cmake/metrics.pc.in metrics.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/metrics.pc
+    DESTINATION ${pkgconfig_dir} COMPONENT development)
+
+install(FILES LICENSE-PENDING.md CHANGELOG.md
+    DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
+# The API reference, when bin/docs has made it.
+install(DIRECTORY build/docs/html
+    DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development OPTIONAL)
