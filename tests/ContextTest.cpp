@@ -1,5 +1,7 @@
 #include "support/Transcript.h"
 
+#include <stdexcept>
+
 namespace Metrics::Testing {
 
 /// On a thread whose id is not that of the process, so that neither can stand for the other.
@@ -7,6 +9,11 @@ template <class Body>
 void OnAnotherThread(Body body) {
     const Thread thread(std::move(body));
 }
+
+/// Becomes a value when somebody asks for one.
+struct NeverBuilt {
+    operator MetricsValue() const { throw std::logic_error("built though the gate is shut"); }
+};
 
 TEST(Context, TellsItsLifeInOrder) {
     const auto transcript = Record();
@@ -21,14 +28,14 @@ TEST(Context, TellsItsLifeInOrder) {
         n.SetName("late");
         n.AttachToThread();
         Manager().ClearBits(MetricsBits::rpipe);
-        Scope outer(std::string("outer"), MetricsBits::act), off("off", MetricsBits::rpipe);
+        Scope outer(std::string("outer"), MetricsBits::act), off(NeverBuilt(), MetricsBits::rpipe);
         outer.Emit(true);
-        off.Emit("dropped");
+        off.Emit(NeverBuilt());
         Scope inner("inner");
         q.AttachToThread(); // once more, on top
         inner.Emit("bytes", 42ul);
         Attribute("ratio", 2.5, MetricsBits::net);
-        Attribute("dropped", 0, MetricsBits::rpipe);
+        Attribute(NeverBuilt(), NeverBuilt(), MetricsBits::rpipe);
         n.AddAttribute("goes to", "q");
         outer.Close();
         outer.Close();

@@ -134,7 +134,9 @@ public:
     /// @throws std::bad_alloc, and what a synchronous consumer throws.
     explicit UniqueMetricsContext(bool enabled);
 
+    /// Takes the child over; `other` becomes inert.
     UniqueMetricsContext(UniqueMetricsContext&& other) noexcept;
+    /// Takes the child over, and lets its own go unopened; `other` becomes inert.
     UniqueMetricsContext& operator=(UniqueMetricsContext&& other) noexcept;
     UniqueMetricsContext(const UniqueMetricsContext&) = delete;
     UniqueMetricsContext& operator=(const UniqueMetricsContext&) = delete;

@@ -79,9 +79,13 @@ public:
     /// @throws std::bad_alloc; `value` is then unchanged.
     MetricsValue(std::string&& value);
 
+    /// Shares the text.
     MetricsValue(const MetricsValue&) noexcept = default;
+    /// Takes the text over.
     MetricsValue(MetricsValue&&) noexcept = default;
+    /// Shares the text.
     MetricsValue& operator=(const MetricsValue&) noexcept = default;
+    /// Takes the text over.
     MetricsValue& operator=(MetricsValue&&) noexcept = default;
     ~MetricsValue() = default;
 };

@@ -48,13 +48,18 @@ public:
     /// The object, or null.
     T* Get() const noexcept { return m_ptr; }
 
+    /// The object. @throws std::logic_error when the pointer is null.
     T* operator->() const { return Checked(); }
+    /// The object. @throws std::logic_error when the pointer is null.
     T& operator*() const { return *Checked(); }
+    /// Whether the pointer is not null.
     explicit operator bool() const noexcept { return m_ptr != nullptr; }
 
+    /// Whether both point to the same object.
     friend bool operator==(const RefCntPtr& a, const RefCntPtr& b) noexcept {
         return a.m_ptr == b.m_ptr;
     }
+    /// Whether they do not.
     friend bool operator!=(const RefCntPtr& a, const RefCntPtr& b) noexcept {
         return a.m_ptr != b.m_ptr;
     }

@@ -21,7 +21,8 @@ void CannotBeOpened() {
     VERIFY(mkdir(folder.c_str(), 0555) == 0);
     VERIFY(geteuid() != 0 || seteuid(65534) == 0); // root may write anywhere
     const Session session;
-    for (const std::string& path : {folder, readOnly, folder + "/missing/file", std::string(5000, 'x')}) {
+    for (const std::string& path :
+         {folder, readOnly, folder + "/missing/file", std::string(5000, 'x')}) {
         MetricsRawClient client;
         client.SetOutputFileName(path);
         try {

@@ -16,7 +16,7 @@ using namespace Metrics::test;
 
 namespace {
 
-/// Threads that emit all the time, but leave the delivery thread some.
+/// Threads that emit all the time, but do not outrun the delivery.
 class Load {
 public:
     Load() {
@@ -25,7 +25,7 @@ public:
                 while (!m_isOver) {
                     for (int n = 0; n < 20; ++n)
                         EmitOne("load", n);
-                    std::this_thread::sleep_for(std::chrono::microseconds(200));
+                    Manager().WaitUntilWritesFlushed(1);
                 }
             });
     }

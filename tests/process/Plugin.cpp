@@ -80,13 +80,14 @@ bool Visit() {
 }
 
 /// Leaves the delivery thread inside of a write, in a pipe that nobody reads from.
-bool GetStuck(const char* pipe) {
+/// @return the client, which must not be closed, as that would wait for the write.
+void* GetStuck(const char* pipe) {
     Start();
-    const auto client = new MetricsRawClient; // its Close would wait for that write
+    const auto client = new MetricsRawClient;
     client->SetOutputFileName(pipe);
     client->Open();
     EmitOne(std::string(1 << 20, 'x'));
-    return !Manager().Disable();
+    return Manager().Disable() ? nullptr : client;
 }
 
 /// Two threads that never stop.

@@ -64,7 +64,8 @@ void StaysForAStuckThread() {
     VERIFY(mkfifo(pipe.path.c_str(), 0600) == 0);
     const int reader = open(pipe.path.c_str(), O_RDONLY | O_NONBLOCK);
     Plugin plugin(s_files.back());
-    VERIFY(plugin.Call("GetStuck", pipe.path.c_str()));
+    static void* const client = plugin.Call<void*>("GetStuck", pipe.path.c_str());
+    VERIFY(client != nullptr);
     plugin.Unload();
     VERIFY(IsMapped("libmetrics.") && ThreadsNamed("metrics") == 1);
     VERIFY(Poll([reader] {

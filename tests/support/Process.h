@@ -107,6 +107,15 @@ inline bool IsAsleep(pid_t thread) {
     return stat.find(") S ") != std::string::npos;
 }
 
+} // namespace Metrics::test
+
+/// ThreadSanitizer waits for a second at every exit otherwise.
+extern "C" [[gnu::used]] inline const char* __tsan_default_options() {
+    return "atexit_sleep_ms=0";
+}
+
+namespace Metrics::test {
+
 struct Ended {
     int status = 0;     ///< Exit status, or minus the signal that ended the process.
     std::string output; ///< What it wrote to either standard stream.
