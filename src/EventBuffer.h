@@ -27,7 +27,9 @@ namespace Metrics::detail {
 ///                                   walked and emptied
 ///
 /// Invariants:
-/// 1. Only the delivery thread moves a buffer from state to state; at most one is filling.
+/// 1. From the start to the end of the delivery, only its thread moves a buffer from state to
+/// state;
+///    at most one is filling.
 /// 2. A thread appends only inside its append section (ThreadTable), to the buffer that m_queue
 ///    named after it had entered. So once m_queue names another buffer and every section that was
 ///    entered before is left, no append into the old one is in progress, and none can begin.
@@ -91,7 +93,7 @@ public:
     /// Draining or free only: gives memory back, so that room for about `events` is kept.
     void Trim(std::size_t events) noexcept;
 
-    /// Draining or free only: the number of events that have room without an allocation.
+    /// Delivery thread only: the number of events that had room after the last walk.
     std::size_t Capacity() const noexcept { return m_chunkCount * slotsPerChunk; }
 
     static constexpr std::size_t slotsPerChunk = 256;

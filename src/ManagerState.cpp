@@ -86,6 +86,19 @@ private:
     bool m_held = true;
 };
 
+/// Holds the consumer lock for writing. What is released is declared before it, so that it goes
+/// after the lock.
+class ManagerState::WriteLock {
+public:
+    explicit WriteLock(korsys::TReadWriteLock& lock) noexcept : m_lock(lock) { lock.Lock(); }
+    ~WriteLock() { m_lock.Unlock(); }
+    WriteLock(const WriteLock&) = delete;
+    WriteLock& operator=(const WriteLock&) = delete;
+
+private:
+    korsys::TReadWriteLock& m_lock;
+};
+
 // Consumers ------------------------------------------------------------------------------------
 
 template <class Call>
@@ -108,27 +121,30 @@ void ManagerState::DeliverSynchronously(const MetricsEvent& event) {
 }
 
 void ManagerState::DeliverShutdown(const MetricsEvent& event,
-                                   std::chrono::steady_clock::time_point deadline) noexcept {
+                                   std::chrono::steady_clock::time_point& deadline) noexcept {
     if (!s_live.m_hasSyncSubscribers.load(std::memory_order_seq_cst))
         return;
     // A consumer may be stuck, and a registration may wait for it: that must not stop the end.
     const ReadLock lock(m_subscriberLock, deadline);
     if (!lock.IsHeld())
         return;
+    const auto start = std::chrono::steady_clock::now();
     DeliverTo(m_syncSubscribers, event, [&event](IMetricsListener& listener) {
         CallQuietly([&] { listener.OnMetricsEvent(event); });
     });
+    // What the consumers take is not taken from the delivery.
+    deadline += std::chrono::steady_clock::now() - start;
 }
 
 bool ManagerState::AddConsumer(MetricsListenerPtr&& listener, std::uint64_t bits,
                                bool synchronous) {
-    m_subscriberLock.Lock();
-    const std::unique_ptr<korsys::TReadWriteLock, void (*)(korsys::TReadWriteLock*)> unlock(
-        &m_subscriberLock, [](korsys::TReadWriteLock* lock) { lock->Unlock(); });
+    const WriteLock lock(m_subscriberLock);
     if (!s_live.m_enabled.load(std::memory_order_relaxed)) // the delivery thread has ended
         return false;
-    (synchronous ? m_syncSubscribers : m_asyncSubscribers)
-        .push_back(Subscriber{bits, std::move(listener)});
+    // In two steps: when the first fails, the listener is released after the lock.
+    Subscribers& subscribers = synchronous ? m_syncSubscribers : m_asyncSubscribers;
+    subscribers.push_back(Subscriber{bits, nullptr});
+    subscribers.back().listener = std::move(listener);
     if (synchronous)
         s_live.m_hasSyncSubscribers.store(true, std::memory_order_seq_cst);
     return true;
@@ -148,25 +164,23 @@ bool ManagerState::Erase(Subscribers& subscribers, const IMetricsListener* liste
 
 bool ManagerState::RemoveConsumer(const IMetricsListener* listener) {
     MetricsListenerPtr released; // let go after the lock
-    m_subscriberLock.Lock();
+    const WriteLock lock(m_subscriberLock);
     const bool found = Erase(m_syncSubscribers, listener, released) ||
                        Erase(m_asyncSubscribers, listener, released);
     if (m_syncSubscribers.empty())
         s_live.m_hasSyncSubscribers.store(false, std::memory_order_seq_cst);
-    m_subscriberLock.Unlock();
     return found;
 }
 
 void ManagerState::ReleaseConsumers() {
     Subscribers syncSubscribers;
     Subscribers asyncSubscribers;
-    m_subscriberLock.Lock();
+    const WriteLock lock(m_subscriberLock);
     syncSubscribers.swap(m_syncSubscribers);
     asyncSubscribers.swap(m_asyncSubscribers);
     // Under the lock, so that no consumer is registered behind this.
     s_live.m_enabled.store(false, std::memory_order_relaxed);
-    m_subscriberLock.Unlock();
-    // Released here: a consumer's destructor may call the manager.
+    // Released after the lock: a consumer's destructor may call the manager.
 }
 
 // Delivery thread ------------------------------------------------------------------------------

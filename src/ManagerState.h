@@ -17,6 +17,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <type_traits>
 #include <vector>
 
 namespace Metrics::detail {
@@ -43,13 +44,9 @@ struct LiveState {
 static_assert(offsetof(LiveState, m_nextContextId) == 64,
               "what every call reads is one cache line that no emitter writes");
 
-extern constinit LiveState s_live;
+static_assert(std::is_trivially_destructible_v<LiveState>, "it is used until the process ends");
 
-/// TestBits(eventBits, mask).
-inline bool PassesMask(std::uint64_t eventBits, std::uint64_t mask) noexcept {
-    constexpr std::uint64_t categories = ~std::uint64_t{0xFFF};
-    return (eventBits & categories) == 0 || (eventBits & categories & mask) != 0;
-}
+extern constinit LiveState s_live;
 
 /// Whether the library was switched off for good.
 inline bool IsOff() noexcept {
@@ -79,8 +76,8 @@ void Emit(MetricsEventType type, std::uint64_t sourceId, std::uint64_t contextId
 /// A thread other than the delivery thread uses it only inside its operation or append section
 /// (ThreadTable); it is freed when it is no longer reachable and all sections have been left.
 ///
-/// Lock order: s_lifecycleLock, then m_subscriberLock; m_flushLock is taken last and alone. No lock
-/// is held while a consumer is destroyed; m_subscriberLock is held for reading while one is called.
+/// Locks: s_lifecycleLock and m_flushLock are each taken alone. m_subscriberLock is held for
+/// reading while a consumer is called, and no lock while one is destroyed.
 class ManagerState {
 public:
     ManagerState() = default;
@@ -89,7 +86,8 @@ public:
     ManagerState& operator=(const ManagerState&) = delete;
 
     void Enable();
-    bool DisableUntil(std::chrono::steady_clock::time_point deadline) noexcept;
+    /// The time that synchronous consumers take for the Shutdown event is added to the deadline.
+    bool DisableUntil(std::chrono::steady_clock::time_point& deadline) noexcept;
     void SetThreadInitFunction(std::function<void()>&& function);
 
     bool AddConsumer(MetricsListenerPtr&& listener, std::uint64_t bits, bool synchronous);
@@ -111,11 +109,12 @@ private:
     using Subscribers = std::vector<Subscriber>;
 
     class ReadLock;
+    class WriteLock;
 
     void BackgroundThreadProc();
     void RunThreadInitFunction();
     void DeliverShutdown(const MetricsEvent& event,
-                         std::chrono::steady_clock::time_point deadline) noexcept;
+                         std::chrono::steady_clock::time_point& deadline) noexcept;
     bool DeliverBatch(EventBuffer& filled, bool urgent);
     void ReleaseConsumers();
     void EndFlushes();

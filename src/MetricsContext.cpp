@@ -54,8 +54,10 @@ Context::Context(std::uint64_t parentId, std::uint64_t id)
     if (id == 0)
         return;
     // What may fail comes before the event, so that a second try does not announce it again.
-    if (!detail::IsOff())
+    if (!detail::IsOff()) {
+        const detail::SectionGuard guard(s_live.m_threadContexts.Current().operation);
         s_live.m_threadContexts.CurrentContext().ReserveOne();
+    }
     EmitLifeCycleEvent(MetricsEventType::ContextOpened, parentId, id);
     AttachToThread();
     m_isOpen = true;

@@ -40,12 +40,16 @@ constinit std::mutex s_lifecycleLock;
 constinit std::atomic<bool> s_disabling{false}; // somebody has begun to switch the library off
 constinit std::atomic<bool> s_freeing{false};   // somebody has claimed the instance, to free it
 constinit std::atomic<ManagerState*> s_abandoned{nullptr}; // kept for a thread that never ended
-constinit bool s_forkHandlerRegistered = false;            // guarded by s_lifecycleLock
-constinit bool s_unloading = false;
-constinit bool s_exiting = false;
+constinit std::atomic<bool> s_started{false};   // a delivery thread was started, or was to be
+constinit bool s_forkHandlerRegistered = false; // written at load, then under s_lifecycleLock
+constinit std::atomic<bool> s_unloading{false};
+constinit std::atomic<bool> s_exiting{false};
+
+void RegisterForkHandler() noexcept;
 
 /// Runs when the process exits or the library is unloaded.
 struct MetricsManagerHolder {
+    MetricsManagerHolder() noexcept { RegisterForkHandler(); }
     ~MetricsManagerHolder() {
         MetricsManager::ShutdownAndFreeInstance();
         // At exit other threads may still come by, and the memory goes with the process.
@@ -64,9 +68,15 @@ struct MetricsManagerHolder {
     s_unloading = true;
 }
 
-/// The child's threads but the one that forked are gone, and so is the delivery: everything is off,
-/// and what they may have held is left as it is.
-void SwitchOffInChild() {
+/// The child's threads but the one that forked are gone. When the library was started, so is the
+/// delivery: everything is off, and what they may have held is left as it is. Otherwise the child
+/// may start it.
+void ContinueInChild() {
+    if (!s_started.load(std::memory_order_relaxed)) {
+        s_live.m_threadContexts.AdoptInChild();
+        ::new (&s_lifecycleLock) std::mutex; // another thread may have held it
+        return;
+    }
     s_live.m_forkedChild.store(true, std::memory_order_relaxed);
     s_live.s_metricsManagerDisabled.store(true, std::memory_order_relaxed);
     s_live.m_enabled.store(false, std::memory_order_relaxed);
@@ -77,12 +87,10 @@ void SwitchOffInChild() {
                       std::memory_order_relaxed);
 }
 
-void RegisterForkHandler() {
-    if (s_forkHandlerRegistered)
-        return;
-    if (pthread_atfork(nullptr, nullptr, SwitchOffInChild) != 0)
-        throw std::bad_alloc(); // ENOMEM is its only error
-    s_forkHandlerRegistered = true;
+/// At load, and again at the start of the delivery if there was no memory then.
+void RegisterForkHandler() noexcept {
+    if (!s_forkHandlerRegistered)
+        s_forkHandlerRegistered = pthread_atfork(nullptr, nullptr, ContinueInChild) == 0;
 }
 
 /// A delivery thread that did not end in time will go on in this code, so it must stay. While the
@@ -199,6 +207,9 @@ void ManagerState::Enable() {
     if (s_disabling.load(std::memory_order_relaxed) || m_thread.IsStarted())
         return;
     RegisterForkHandler();
+    if (!s_forkHandlerRegistered)
+        throw std::bad_alloc(); // the only reason for it to fail
+    s_started.store(true, std::memory_order_relaxed);
     // Accepting from here on: what is emitted before the thread has run is delivered too.
     s_live.m_queue.store(m_buffers.data(), std::memory_order_seq_cst);
     s_live.m_enabled.store(true, std::memory_order_relaxed);
@@ -212,11 +223,15 @@ void ManagerState::Enable() {
     }
 }
 
-bool ManagerState::DisableUntil(steady_clock::time_point deadline) noexcept {
+bool ManagerState::DisableUntil(steady_clock::time_point& deadline) noexcept {
     if (s_disabling.exchange(true))
         return false;
     // Waits for an Enable in progress; a later one does nothing.
-    const bool isStarted = (std::lock_guard(s_lifecycleLock), m_thread.IsStarted());
+    bool isStarted = false;
+    {
+        const std::lock_guard lock(s_lifecycleLock);
+        isStarted = m_thread.IsStarted();
+    }
     if (isStarted) {
         MetricsEvent event;
         const Stamp stamp;
@@ -225,7 +240,7 @@ bool ManagerState::DisableUntil(steady_clock::time_point deadline) noexcept {
         event.unixSeconds = stamp.unixSeconds;
         event.unixMicroseconds = stamp.unixMicroseconds;
         DeliverShutdown(event, deadline);
-        const SectionGuard guard(s_live.m_threadContexts.Reserved().append);
+        const SectionGuard guard(s_live.m_threadContexts.ShutdownAppend());
         if (EventBuffer* const queue = s_live.m_queue.load(std::memory_order_seq_cst))
             queue->AppendShutdown();
     }
@@ -275,7 +290,7 @@ void MetricsManager::ShutdownAndFreeInstance() noexcept {
             return;
     }
     // From here on only this thread frees the instance.
-    const steady_clock::time_point deadline = steady_clock::now() + stopWait;
+    steady_clock::time_point deadline = steady_clock::now() + stopWait;
     instance->DisableUntil(deadline);
     s_live.m_instance.store(nullptr, std::memory_order_seq_cst);
     if (s_live.m_threadContexts.WaitForOperations(deadline) && instance->IsIdle())
@@ -296,7 +311,8 @@ bool MetricsManager::Disable() noexcept {
     try {
         GetInstance();
         return WithInstance(false, [](ManagerState& instance) {
-            return instance.DisableUntil(steady_clock::now() + stopWait);
+            steady_clock::time_point deadline = steady_clock::now() + stopWait;
+            return instance.DisableUntil(deadline);
         });
     } catch (const std::bad_alloc&) {
         // No memory for what this thread needs to reach the instance: off, but not confirmed.

@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <mutex>
 #include <stdexcept>
@@ -53,10 +54,13 @@ public:
         m_line.Shrink();
     }
 
-    /// Afterwards nothing is written any more, also by a delivery thread that was given up.
+    /// Afterwards nothing is written any more, also by a delivery thread that was given up. A write
+    /// that does not return (into a pipe, say) is not waited for: it is the last one.
     void Close() {
-        const std::lock_guard lock(m_mutex);
-        close(std::exchange(m_file, -1));
+        m_failed = true;
+        const std::unique_lock lock(m_mutex, std::try_to_lock);
+        if (lock.owns_lock())
+            close(std::exchange(m_file, -1));
     }
 
 private:
@@ -72,7 +76,7 @@ private:
 
     std::mutex m_mutex; // Close, against the delivery thread
     int m_file = -1;
-    bool m_failed = false;
+    std::atomic<bool> m_failed{false}; // or closed
     detail::CsvLine m_line;
 };
 

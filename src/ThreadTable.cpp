@@ -25,8 +25,8 @@ std::uint64_t NextOwner(std::uint64_t last, pid_t self) noexcept {
 bool ThreadTable::HasEnded(const ThreadRecord& record) noexcept {
     const pid_t owner = ThreadId(record.owner.load(std::memory_order_relaxed));
     // Signal 0 asks without sending, see tgkill(2). Any other answer counts as alive: then the
-    // record is only kept longer. The reserved record has no owner and is always alive.
-    return owner != 0 && syscall(SYS_tgkill, getpid(), owner, 0) != 0 && errno == ESRCH;
+    // record is only kept longer.
+    return syscall(SYS_tgkill, getpid(), owner, 0) != 0 && errno == ESRCH;
 }
 
 ThreadRecord* ThreadTable::TakeOver(pid_t self) noexcept {
@@ -53,6 +53,7 @@ ThreadRecord* ThreadTable::TakeOver(pid_t self) noexcept {
 }
 
 ThreadRecord& ThreadTable::Register() {
+    const int error = errno; // the application's
     const auto self = static_cast<pid_t>(syscall(SYS_gettid));
     ThreadRecord* record = TakeOver(self);
     if (record != nullptr) {
@@ -67,11 +68,20 @@ ThreadRecord& ThreadTable::Register() {
         while (!m_first.compare_exchange_weak(record->next, record, std::memory_order_seq_cst)) {}
     }
     t_thread.record = record;
+    errno = error;
     return *record;
+}
+
+void ThreadTable::AdoptInChild() noexcept {
+    if (ThreadRecord* const record = t_thread.record)
+        record->owner.store(NextOwner(record->owner.load(std::memory_order_relaxed),
+                                      static_cast<pid_t>(syscall(SYS_gettid))),
+                            std::memory_order_relaxed);
 }
 
 MetricsThreadContext& ThreadTable::MakeContext() {
     ThreadRecord& record = Current();
+    const SectionGuard guard(record.operation); // publishes the stack to whoever takes it over
     record.context = std::make_shared<MetricsThreadContext>();
     t_thread.context = record.context.get();
     return *t_thread.context;

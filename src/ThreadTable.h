@@ -129,16 +129,21 @@ public:
     template <class Pause>
     void WaitForAppends(Pause pause) const {
         for (const ThreadRecord* r = First(); r != nullptr; r = r->next)
-            WaitFor(r->append, *r, pause);
-        WaitFor(m_reserved.append, m_reserved, pause);
+            WaitFor(
+                r->append, [r] { return HasEnded(*r); }, pause);
+        WaitFor(
+            m_shutdownAppend, [] { return false; }, pause);
     }
 
     /// Waits until every thread was seen outside of all operations, at most until the deadline.
     /// @return false after it, and when the calling thread itself is inside one.
     bool WaitForOperations(std::chrono::steady_clock::time_point deadline) const;
 
-    /// The record of whoever switches the library off: that must not fail for want of memory.
-    ThreadRecord& Reserved() noexcept { return m_reserved; }
+    /// The section of whoever switches the library off: that must not fail for want of memory.
+    Section& ShutdownAppend() noexcept { return m_shutdownAppend; }
+
+    /// In a forked child: the calling thread is alive, under another thread id.
+    void AdoptInChild() noexcept;
 
     /// Frees the records of the calling thread and of threads that have ended, at exit or unload. A
     /// living thread may be about to write into its own, so that one stays.
@@ -154,19 +159,19 @@ private:
     // waiter changes the buffer and looks for records and marks. One must see the other.
     const ThreadRecord* First() const noexcept { return m_first.load(std::memory_order_seq_cst); }
 
-    template <class Pause>
-    static void WaitFor(const Section& section, const ThreadRecord& record, Pause& pause) {
+    template <class Ended, class Pause>
+    static void WaitFor(const Section& section, Ended hasEnded, Pause& pause) {
         const std::uint32_t seen = section.Read();
         if (!Section::IsInside(seen))
             return;
-        while (section.Read() == seen && !HasEnded(record))
+        while (section.Read() == seen && !hasEnded())
             pause();
     }
 
     std::atomic<ThreadRecord*> m_first{nullptr}; // newest first; records are only ever added
     std::atomic<ThreadRecord*> m_candidate{
         nullptr}; // where the next search for an ended owner goes on
-    ThreadRecord m_reserved;
+    Section m_shutdownAppend;
 };
 
 } // namespace Metrics::detail

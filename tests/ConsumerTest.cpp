@@ -1,8 +1,5 @@
 #include "support/Transcript.h"
 
-#include <cstdio>
-#include <stdexcept>
-
 namespace Metrics::Testing {
 
 TEST(Consumer, IsCalledOnceForEachRegistrationInTheirOrder) {
@@ -15,31 +12,29 @@ TEST(Consumer, IsCalledOnceForEachRegistrationInTheirOrder) {
             EXPECT_FALSE(Manager().AddConsumer(other, everyBit, true)) << "inside a call";
             EXPECT_FALSE(Manager().RemoveConsumer(other));
             if (name == 'b' && !isEmitter)
-                throw std::runtime_error("the others are called all the same");
+                throw "the others are called all the same";
         });
     };
-    const MetricsListenerPtr consumers[] = {named('a'), named('b'), named('c')};
+    const MetricsListenerPtr consumers[] = {named('a'), named('b')};
     EXPECT_FALSE(Manager().AddConsumer(consumers[0], everyBit, false)) << "not enabled";
     Manager().Enable();
     Manager().SetBitsAbsolute(everyBit);
-    EXPECT_FALSE(Manager().AddConsumer(nullptr, everyBit, false));
-    // Add asynchronously, Synchronously, or Remove; whether that is done; who is called then.
+    // Add asynchronously, Synchronously, or Remove; success; who is called then.
     const struct {
         const char* operation;
         bool done;
         std::string synchronous, asynchronous;
-    } steps[] = {{"Ra", false, "", ""},      {"Aa", true, "", "a"},     {"Ab", true, "", "ab"},
-                 {"Aa", true, "", "aba"},    {"Sa", true, "a", "aba"},  {"Sc", true, "ac", "aba"},
-                 {"Sb", true, "acb", "aba"}, {"Ra", true, "cb", "aba"}, {"Ra", true, "cb", "ba"},
-                 {"Rc", true, "b", "ba"},    {"Ra", true, "b", "b"},    {"Ra", false, "b", "b"},
-                 {"Rb", true, "", "b"},      {"Sc", true, "c", "b"},    {"Rb", true, "c", ""}};
+    } steps[] = {{"Aa", true, "", "a"},    {"Ab", true, "", "ab"},    {"Aa", true, "", "aba"},
+                 {"Sa", true, "a", "aba"}, {"Sb", true, "ab", "aba"}, {"Ra", true, "b", "aba"},
+                 {"Ra", true, "b", "ba"},  {"Ra", true, "b", "b"},    {"Ra", false, "b", "b"},
+                 {"Rb", true, "", "b"},    {"Rb", true, "", ""}};
     for (const auto& step : steps) {
         SCOPED_TRACE(&step - steps);
         const MetricsListenerPtr& consumer = consumers[step.operation[1] - 'a'];
-        const bool isSynchronous = step.operation[0] == 'S';
-        EXPECT_EQ(step.done, step.operation[0] == 'R'
+        const char operation = step.operation[0];
+        EXPECT_EQ(step.done, operation == 'R'
                                  ? Manager().RemoveConsumer(consumer)
-                                 : Manager().AddConsumer(consumer, everyBit, isSynchronous));
+                                 : Manager().AddConsumer(consumer, everyBit, operation == 'S'));
         Send(0);
         Flush();
         EXPECT_EQ(std::exchange(synchronous, ""), step.synchronous);
@@ -50,7 +45,7 @@ TEST(Consumer, IsCalledOnceForEachRegistrationInTheirOrder) {
     for (const std::uint64_t bits : {std::uint64_t{0xFFF}, +MetricsBits::act, +MetricsBits::net})
         Send(0, 0, bits);
     EXPECT_TRUE(Manager().Disable());
-    EXPECT_EQ(synchronous + " " + asynchronous, "caccca aa") << "three events and Shutdown";
+    EXPECT_EQ(synchronous + " " + asynchronous, "aa aa") << "three events and Shutdown";
 }
 
 TEST(Consumer, MayCallTheManagerFromItsDestructor) {
@@ -78,41 +73,35 @@ TEST(Consumer, ThatThrowsLosesTheEventAndNothingElse) {
     int passing = -1; // events that pass before all throw; -1: none throws
     Consume(true, [&passing](const MetricsEvent&) {
         if (passing == 0)
-            throw std::runtime_error("thrown");
+            throw 5;
         passing -= passing > 0;
     });
     std::atomic<int> delivered{0};
-    Consume(false, [&delivered](const MetricsEvent&) { ++delivered; });
-    const std::string path = testing::TempDir() + "throws-" + std::to_string(getpid());
-    MetricsRawClient client;
-    client.SetOutputFileName(path);
-
+    Consume(false, [&delivered](const MetricsEvent&) {
+        ++delivered;
+        throw 6;
+    });
     Context context(0, 8);
     passing = 1;
-    EXPECT_THROW(context.Emit("lost"), std::runtime_error);
+    EXPECT_THROW(context.Emit("lost"), int);
     passing = -1;
-    context.Emit("kept");
-    UniqueMetricsContext child(true); // 1
+    UniqueMetricsContext child(true);
     {
         const Scope scope("scope");
         const Context closedByItsDestructor(0, 9);
         passing = 0;
-        EXPECT_THROW(Send(5), std::runtime_error);
-        EXPECT_THROW(Scope("lost"), std::runtime_error);
-        EXPECT_THROW(child.Open(), std::runtime_error);
-        EXPECT_THROW(client.Open(), std::runtime_error); // 2
+        EXPECT_THROW(Send(5), int);
+        EXPECT_THROW(Scope("lost"), int);
+        EXPECT_THROW(child.Open(), int);
     }
     EXPECT_EQ(Manager().GetCurrentThreadContext(), &context);
     passing = -1;
     child.Open();
-    EXPECT_TRUE(client.Open()); // 3
     passing = 0;
-    client.Close();
-    EXPECT_THROW(context.Close(), std::runtime_error);
+    EXPECT_THROW(context.Close(), int);
     EXPECT_EQ(Manager().GetCurrentThreadContext(), nullptr);
     EXPECT_TRUE(Manager().Disable());
-    std::remove(path.c_str());
-    EXPECT_EQ(delivered, 13) << "everything was announced once, and nothing that was lost";
+    EXPECT_EQ(delivered, 10) << "everything was announced once, and nothing that was lost";
 }
 
 } // namespace Metrics::Testing

@@ -144,6 +144,7 @@ METRICS_EXPORT std::shared_ptr<MetricsEvent> MakeMetricsEvent();
 /// - While it runs, later asynchronous deliveries (or the emitting thread) wait for it.
 /// - An exception from an asynchronous consumer ends that call alone. One from a synchronous
 ///   consumer reaches the emitting code, and the event is not queued.
+/// - It must not end its thread (pthread_exit, cancellation).
 /// - The event is valid during the call only; copy what you keep (copies of a value share the
 ///   text).
 class METRICS_EXPORT IMetricsListener : public korsys::RefCntObject {

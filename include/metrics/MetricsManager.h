@@ -24,12 +24,17 @@ struct alignas(64) LiveMask {
 
 extern METRICS_EXPORT LiveMask s_liveMask;
 
+/// TestBits(eventBits, mask), in the caller's own code.
+inline bool PassesMask(std::uint64_t eventBits, std::uint64_t mask) noexcept {
+    constexpr std::uint64_t categories = ~std::uint64_t{0xFFF};
+    return (eventBits & categories) == 0 || (eventBits & categories & mask) != 0;
+}
+
 /// TestBits(eventBits), in the caller's own code.
 inline bool PassesLiveMask(std::uint64_t eventBits) noexcept {
-    constexpr std::uint64_t categories = ~std::uint64_t{0xFFF};
     // Relaxed: the mask guards nothing. A call that races with a change may go either way.
     const std::uint64_t mask = s_liveMask.m_bits.load(std::memory_order_relaxed);
-    return (eventBits & mask & categories) != 0 || (mask != 0 && (eventBits & categories) == 0);
+    return mask != 0 && PassesMask(eventBits, mask);
 }
 
 } // namespace detail
@@ -93,8 +98,8 @@ private:
 /// Life: GetInstance gives an idle manager; Enable starts the delivery thread and lets events and
 /// consumers in; Disable delivers what is queued and switches the library off for the rest of the
 /// process; ShutdownAndFreeInstance also frees the instance, and runs by itself at unload or exit.
-/// Once the library is off, and in a forked child, every operation does nothing and returns false,
-/// 0, null or nothing.
+/// Once the library is off, and in a child forked after Enable, every operation does nothing and
+/// returns false, 0, null or nothing.
 ///
 /// Ordering: asynchronous consumers see events in the order in which they were queued. An event
 /// emitted after another thread's emit has returned is delivered after that one. A synchronous
@@ -132,8 +137,8 @@ public:
     void Enable();
 
     /// Sends the Shutdown event, switches the library off for good, and waits up to 1000 ms until
-    /// everything queued before is delivered and the delivery thread has ended. An exception of a
-    /// synchronous consumer is dropped here.
+    /// everything queued before is delivered and the delivery thread has ended. What the
+    /// synchronous consumers take for the Shutdown event comes on top; what they throw is dropped.
     /// @return true when both happened in time; false after the time-out, without a delivery
     ///         thread, when the library is off already, or when another thread is disabling it.
     ///
@@ -146,6 +151,7 @@ public:
     ///
     /// Thread-safety: safe from any thread at any time.
     /// Cost: takes a lock; allocates.
+    /// @throws std::bad_alloc
     void SetThreadInitFunction(std::function<void()> function);
 
     /// Adds category bits to the mask. @return the mask as it was before.
@@ -176,7 +182,8 @@ public:
     /// @return false when there is none, and under the conditions of AddConsumer.
     ///
     /// Thread-safety: safe from any thread at any time.
-    /// Cost: waits for the listener calls in progress.
+    /// Cost: waits for the listener calls in progress; allocates on a thread's first call.
+    /// @throws std::bad_alloc
     bool RemoveConsumer(MetricsListenerPtr listener);
 
     /// Takes an event whose type, ids, bits and values are filled in: drops it when its bits are
@@ -192,7 +199,8 @@ public:
 
     /// Waits until everything that was queued at the call has reached the asynchronous consumers,
     /// at most the given number of milliseconds of the steady clock. Returns at once when the
-    /// library is not enabled, and from inside OnMetricsEvent.
+    /// library is not enabled, and from inside OnMetricsEvent. Not for the thread-init function,
+    /// behind which the delivery waits.
     ///
     /// Thread-safety: safe from any thread at any time.
     /// Cost: wakes the delivery thread and blocks; allocates.

@@ -25,8 +25,9 @@ public:
 
     /// Makes later waiters wait again. Cost: one load when the event is not signalled.
     void Reset() noexcept {
-        // Relaxed: a reset publishes nothing, and the common case must not dirty the cache line.
-        if (m_signalled.load(std::memory_order_relaxed))
+        // Acquire: whoever takes a signal away sees what was done before it was given. The common
+        // case must not dirty the cache line.
+        if (m_signalled.load(std::memory_order_acquire))
             m_signalled.store(false, std::memory_order_relaxed);
     }
 

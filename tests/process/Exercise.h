@@ -6,24 +6,20 @@
 #include <array>
 #include <atomic>
 #include <functional>
-#include <memory>
 #include <string>
-#include <utility>
 
 namespace Metrics::test {
 
-/// A consumer that does what it is told.
-class Listener final : public IMetricsListener {
-public:
-    explicit Listener(std::function<void(const MetricsEvent&)> handle)
-        : m_handle(std::move(handle)) {}
-    void OnMetricsEvent(const MetricsEvent& event) override { m_handle(event); }
+using Handle = std::function<void(const MetricsEvent&)>;
 
-private:
-    std::function<void(const MetricsEvent&)> m_handle;
+/// A consumer that does what it is told.
+struct Listener final : IMetricsListener {
+    explicit Listener(Handle handle) : m_handle(std::move(handle)) {}
+    void OnMetricsEvent(const MetricsEvent& event) override { m_handle(event); }
+    const Handle m_handle;
 };
 
-inline MetricsListenerPtr MakeListener(std::function<void(const MetricsEvent&)> handle) {
+inline MetricsListenerPtr MakeListener(Handle handle) {
     return korsys::MakeRefCnt<Listener>(std::move(handle));
 }
 
@@ -31,7 +27,6 @@ inline MetricsManager& Manager() {
     return *MetricsManager::GetInstance();
 }
 
-/// Switches everything on.
 inline MetricsManager& Start() {
     Manager().Enable();
     Manager().SetBits(~std::uint64_t{0});
@@ -43,6 +38,12 @@ struct Session {
     Session() { Start(); }
     ~Session() { MetricsManager::ShutdownAndFreeInstance(); }
 };
+
+/// Registers a new consumer, or returns none.
+inline MetricsListenerPtr Consume(bool synchronous, std::uint64_t bits, Handle handle) {
+    const auto listener = MakeListener(std::move(handle));
+    return Manager().AddConsumer(listener, bits, synchronous) ? listener : nullptr;
+}
 
 /// Emits one Custom event by the shortest way.
 inline void EmitOne(MetricsValue first, MetricsValue second = {}, std::uint64_t bits = 0) {
@@ -73,17 +74,16 @@ inline void UseEverything(const std::string& text) {
 inline bool IsInert() {
     bool called = false;
     const auto listener = MakeListener([&called](const MetricsEvent&) { called = true; });
-    MetricsManager& manager = Manager();
-    manager.Enable();
-    const bool accepts = manager.AddConsumer(listener, ~std::uint64_t{0}, true) ||
-                         manager.RemoveConsumer(listener) || manager.Disable() ||
-                         manager.SetBits(1) != 0 || manager.GetNextContextId() != 0 ||
+    Manager().Enable();
+    const bool accepts = Manager().AddConsumer(listener, ~std::uint64_t{0}, true) ||
+                         Manager().RemoveConsumer(listener) || Manager().Disable() ||
+                         Manager().SetBits(1) != 0 || Manager().GetNextContextId() != 0 ||
                          Context::Create(true) != 0;
     const Context context(0, 1);
     UseEverything("late");
-    manager.WaitUntilWritesFlushed(1000 * 1000);
-    return !accepts && !called && manager.GetCurrentThreadContext() == nullptr &&
-           !TestBitsAndContext(0) && manager.GetThreadContext()->GetCurrentContext() == nullptr;
+    Manager().WaitUntilWritesFlushed(1000 * 1000);
+    return !accepts && !called && Manager().GetCurrentThreadContext() == nullptr &&
+           !TestBitsAndContext(0) && Manager().GetThreadContext()->GetCurrentContext() == nullptr;
 }
 
 } // namespace Metrics::test

@@ -4,10 +4,6 @@
 #include "../support/Process.h"
 #include "Exercise.h"
 
-#include <algorithm>
-#include <array>
-#include <cstdlib>
-
 using namespace Metrics;
 using namespace Metrics::test;
 
@@ -33,28 +29,18 @@ thread_local LateUser t_lateUser;
 
 // Registered before the loader's own end is, so it runs when the library has been taken down.
 void AfterTheLibrary(int, void*) {
-    if (s_isBusy && !(AllGoRoundAgain() && IsInert()))
-        _exit(9); // this run proves nothing
+    VERIFY(!s_isBusy || (AllGoRoundAgain() && IsInert()));
 }
-void RegisterFirst(int, char**, char**) {
+[[gnu::section(".preinit_array"), gnu::used]] void (*const s_registerFirst)() = [] {
     on_exit(AfterTheLibrary, nullptr);
-}
-[[gnu::section(".preinit_array"), gnu::used]] void (*const s_registerFirst)(int, char**,
-                                                                            char**) = RegisterFirst;
+};
 
-int ExitWhileBusy(const std::string& how) {
+void GetBusy() {
     static std::atomic<unsigned> seen{0};
-    const auto count = MakeListener([](const MetricsEvent&) { ++seen; });
     Start();
-    VERIFY(Manager().AddConsumer(count, MetricsBits::act, true));
-    VERIFY(Manager().AddConsumer(count, ~std::uint64_t{0}, false));
+    VERIFY(Consume(true, MetricsBits::act, [](const MetricsEvent&) { ++seen; }));
+    VERIFY(Consume(false, ~0ull, [](const MetricsEvent&) { ++seen; }));
     std::atexit([] { UseEverything("from an exit handler"); });
-    std::atomic<bool> isOver{false};
-    std::thread late([&isOver] {
-        static_cast<void>(&t_lateUser);
-        UseEverything("early");
-        VERIFY(Poll([&isOver] { return isOver.load(); }));
-    });
     s_isBusy = true;
     for (auto& rounds : s_rounds)
         std::thread([&rounds] {
@@ -62,109 +48,58 @@ int ExitWhileBusy(const std::string& how) {
                 UseEverything("some text that is too long to be stored inside of a string");
         }).detach();
     VERIFY(AllGoRoundAgain());
-    if (how == "shutdown") {
-        MetricsManager::ShutdownAndFreeInstance();
-        VERIFY(AllGoRoundAgain() && IsInert());
-    }
-    isOver = true;
-    late.join();
-    if (how == "exit from a thread")
-        std::thread([] { std::exit(0); }).join();
-    return 0;
+    std::thread([] { UseEverything((static_cast<void>(&t_lateUser), "early")); }).join();
 }
 
-/// A consumer never returns, and maybe a registration waits for it: one deadline of a second covers
-/// all that there is to wait for.
-int ExitWhileStuck(bool synchronous, bool isRegistering) {
-    static std::atomic<pid_t> stuck{0};
-    static std::atomic<pid_t> registering{0};
-    const auto getStuck = MakeListener([](const MetricsEvent& event) {
-        if (event.eventType == MetricsEventType::Shutdown)
-            return;
-        for (stuck = gettid();;)
+/// A consumer never returns, and maybe a registration waits for it: a second covers all of that.
+void GetStuck(bool synchronous, bool isRegistering) {
+    static std::atomic<pid_t> stuck{0}, registering{0};
+    Start();
+    Consume(true, 0, [](const MetricsEvent&) {});
+    VERIFY(Consume(synchronous, ~0ull, [](const MetricsEvent& event) {
+        while (event.eventType != MetricsEventType::Shutdown) {
+            stuck = gettid();
             pause();
-    });
-    Start().AddConsumer(MakeListener([](const MetricsEvent&) {}), 0, true);
-    VERIFY(Manager().AddConsumer(getStuck, ~std::uint64_t{0}, synchronous));
+        }
+    }));
     std::thread([] { UseEverything("stuck"); }).detach();
     VERIFY(Poll([] { return stuck != 0 && IsAsleep(stuck); }));
     if (isRegistering) {
-        std::thread([&] {
+        std::thread([] {
             registering = gettid();
-            Manager().AddConsumer(getStuck, 0, false);
+            Consume(false, 0, [](const MetricsEvent&) {});
         }).detach();
         VERIFY(Poll([] { return registering != 0 && IsAsleep(registering); }));
     }
     const auto start = Clock::now();
     MetricsManager::ShutdownAndFreeInstance();
     const double seconds = SecondsSince(start);
-    VERIFY(seconds > 0.95 && seconds < 1.5);
-    VERIFY(IsInert());
-    return 0;
+    VERIFY(seconds > 0.95 && seconds < 1.5 && IsInert());
 }
 
-/// The rest of the library's lives, to be seen to leak nothing: LeakSanitizer fails the run.
-int ExitQuietly(const std::string& how) {
-    if (how == "never enabled")
-        Manager().SetBits(1);
-    if (how == "enabled" || how == "disabled")
-        UseEverything((Start(), "x"));
-    if (how == "disabled")
-        VERIFY(Manager().Disable());
-    if (how == "made again") {
-        MetricsManager::ShutdownAndFreeInstance();
-        UseEverything((Start(), "x"));
-        MetricsManager::ShutdownAndFreeInstance();
-        VERIFY(IsInert());
-    }
-    return 0;
-}
-
-int Child(const std::string& how) {
-    static_cast<void>(&t_lateUser);
-    if (how.find("stuck") != std::string::npos)
-        return ExitWhileStuck(how.find("async") == std::string::npos,
-                              how.find("and") != std::string::npos);
-    if (how == "return" || how == "exit from a thread" || how == "shutdown")
-        return ExitWhileBusy(how);
-    return ExitQuietly(how);
+void ShutDown() {
+    MetricsManager::ShutdownAndFreeInstance();
+    VERIFY((!s_isBusy || AllGoRoundAgain()) && IsInert());
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    if (argc == 3)
-        return Child(argv[2]);
-    const struct {
-        const char* how;
-        int runs;
-    } rows[] = {{"return", 300},
-                {"exit from a thread", 300},
-                {"shutdown", 300},
-                {"sync stuck", 5},
-                {"async stuck", 5},
-                {"sync stuck and a registration", 3},
-                {"async stuck and a registration", 3},
-                {"unused", 1},
-                {"never enabled", 1},
-                {"enabled", 20},
-                {"disabled", 20},
-                {"made again", 20}};
-    int failed = 0;
-    for (const auto& row : rows) {
-        double longest = 0;
-        for (int run = 0; run < Repetitions(row.runs); ++run) {
-            const Ended ended = RunChild(
-                [&] { return execl("/proc/self/exe", argv[0], "--child", row.how, nullptr); },
-                std::chrono::seconds(30));
-            longest = std::max(longest, ended.seconds);
-            if (ended.status == 0 && ended.output.empty())
-                continue;
-            ++failed;
-            std::printf("FAILED %s: status %d\n%s", row.how, ended.status, ended.output.c_str());
-        }
-        std::printf("%s: %d runs, the longest took %.2f s\n", row.how, Repetitions(row.runs),
-                    longest);
-    }
-    return failed == 0 ? 0 : 1;
+    static_cast<void>(&t_lateUser); // made before anything of the library's, so it goes after that
+    const auto exitFromAThread = [] { std::thread(std::exit, (GetBusy(), 0)).join(); };
+    return RunCases(
+        argc, argv,
+        {{"return", GetBusy, 30, 300},
+         {"exit from a thread", exitFromAThread, 30, 300},
+         {"shutdown", [] { GetBusy(), ShutDown(); }, 30, 300},
+         {"synchronous and stuck", [] { GetStuck(true, false); }, 30, 5},
+         {"asynchronous and stuck", [] { GetStuck(false, false); }, 30, 5},
+         {"synchronous, with a registration", [] { GetStuck(true, true); }, 30, 3},
+         {"asynchronous, with a registration", [] { GetStuck(false, true); }, 30, 3},
+         // The rest leaks nothing: LeakSanitizer fails the run.
+         {"unused", [] {}},
+         {"enabled", [] { UseEverything((Start(), "x")); }, 30, 20},
+         {"disabled", [] { VERIFY(Start().Disable()); }, 30, 20},
+         {"started late", [] { MetricsManager::ShutdownAndFreeInstance(), Start(), ShutDown(); },
+          30, 20}});
 }

@@ -1,23 +1,24 @@
 #ifndef METRICS_TESTS_SUPPORT_PROCESS_H
 #define METRICS_TESTS_SUPPORT_PROCESS_H
 
-#include <dirent.h>
-#include <poll.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <functional>
-#include <initializer_list>
-#include <iterator>
 #include <string>
 #include <thread>
+
+/// ThreadSanitizer waits for a second at every exit otherwise.
+extern "C" [[gnu::used]] inline const char* __tsan_default_options() {
+    return "atexit_sleep_ms=0";
+}
 
 /// What tests need that are processes of their own.
 namespace Metrics::test {
@@ -29,14 +30,13 @@ inline double SecondsSince(Clock::time_point start) {
 }
 
 /// Ends the process at the first failure, without running anything else of it.
+#define VERIFY(condition)                                                                          \
+    ((condition) ? void() : ::Metrics::test::Fail(#condition, __FILE__, __LINE__))
 [[noreturn]] inline void Fail(const char* condition, const char* file, int line) {
     std::fprintf(stderr, "%s:%d: %s\n", file, line, condition);
     std::fflush(nullptr);
     _exit(1);
 }
-
-#define VERIFY(condition)                                                                          \
-    ((condition) ? void() : ::Metrics::test::Fail(#condition, __FILE__, __LINE__))
 
 /// Scales a number of repetitions by METRICS_TEST_SCALE, a percentage: sanitizers are slow.
 inline int Repetitions(int usual) {
@@ -60,7 +60,7 @@ inline std::string ReadFile(const std::string& path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-/// A name for a file of this process alone, in the working directory; removed in the end.
+/// A file of this process alone, in the working directory; removed in the end.
 struct TemporaryFile {
     std::string path = "test." + std::to_string(getpid()) + ".csv";
     ~TemporaryFile() { unlink(path.c_str()); }
@@ -68,12 +68,11 @@ struct TemporaryFile {
 
 inline std::size_t Count(const std::string& text, const std::string& part) {
     std::size_t count = 0;
-    for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size()))
+    for (std::size_t at = 0; (at = text.find(part, at)) != std::string::npos; at += part.size())
         ++count;
     return count;
 }
 
-/// Physical memory of this process.
 inline long ResidentKilobytes() {
     const std::string status = ReadFile("/proc/self/status");
     return std::atol(status.c_str() + status.find("VmRSS:") + 6);
@@ -84,37 +83,17 @@ inline bool IsMapped(const std::string& name) {
     return ReadFile("/proc/self/maps").find(name) != std::string::npos;
 }
 
-/// Calls with the directory of each thread of this process.
-template <class Visit>
-void ForEachThread(Visit visit) {
-    DIR* const tasks = opendir("/proc/self/task");
-    while (const dirent* const entry = readdir(tasks))
-        if (entry->d_name[0] != '.')
-            visit(std::string("/proc/self/task/") + entry->d_name);
-    closedir(tasks);
-}
-
 inline int ThreadsNamed(const std::string& name) {
     int count = 0;
-    ForEachThread(
-        [&](const std::string& task) { count += ReadFile(task + "/comm") == name + '\n'; });
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task"))
+        count += ReadFile(task.path() / "comm") == name + '\n';
     return count;
 }
 
 /// Whether a thread sleeps in the kernel, as one does that waits for a lock.
 inline bool IsAsleep(pid_t thread) {
-    const std::string stat = ReadFile("/proc/self/task/" + std::to_string(thread) + "/stat");
-    return stat.find(") S ") != std::string::npos;
+    return Count(ReadFile("/proc/self/task/" + std::to_string(thread) + "/stat"), ") S ") == 1;
 }
-
-} // namespace Metrics::test
-
-/// ThreadSanitizer waits for a second at every exit otherwise.
-extern "C" [[gnu::used]] inline const char* __tsan_default_options() {
-    return "atexit_sleep_ms=0";
-}
-
-namespace Metrics::test {
 
 struct Ended {
     int status = 0;     ///< Exit status, or minus the signal that ended the process.
@@ -122,44 +101,23 @@ struct Ended {
     double seconds = 0;
 };
 
-/// Runs `body` in a child process, which ends by exit; past the deadline it is killed.
-inline Ended RunChild(const std::function<int()>& body, std::chrono::seconds deadline) {
+/// Runs `body` in a child process, which ends by exit, or by SIGALRM at the deadline.
+inline Ended RunChild(const std::function<int()>& body,
+                      std::chrono::seconds deadline = std::chrono::seconds(120)) {
     std::fflush(nullptr);
-    int ends[2];
-    VERIFY(pipe(ends) == 0);
+    const int output = memfd_create("output", MFD_CLOEXEC);
     const auto start = Clock::now();
     const pid_t child = fork();
-    VERIFY(child >= 0);
     if (child == 0) {
-        dup2(ends[1], 1);
-        dup2(ends[1], 2);
-        close(ends[0]);
-        close(ends[1]);
+        alarm(static_cast<unsigned>(deadline.count()));
+        VERIFY(dup2(output, 1) == 1 && dup2(output, 2) == 2 && close(output) == 0);
         std::exit(body());
     }
-    close(ends[1]);
-    Ended ended;
-    for (;;) {
-        const auto left =
-            std::chrono::milliseconds(deadline) -
-            std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start);
-        pollfd readable{ends[0], POLLIN, 0};
-        char buffer[4096];
-        ssize_t size = 0;
-        if (left.count() <= 0 || poll(&readable, 1, static_cast<int>(left.count())) == 0) {
-            kill(child, SIGKILL);
-            ended.output += "killed at its deadline\n";
-            break;
-        }
-        if ((size = read(ends[0], buffer, sizeof buffer)) <= 0)
-            break;
-        ended.output.append(buffer, static_cast<std::size_t>(size));
-    }
-    close(ends[0]);
     int status = 0;
     VERIFY(waitpid(child, &status, 0) == child);
-    ended.status = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-    ended.seconds = SecondsSince(start);
+    Ended ended{WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status),
+                ReadFile("/proc/self/fd/" + std::to_string(output)), SecondsSince(start)};
+    close(output);
     return ended;
 }
 
@@ -167,24 +125,25 @@ struct Case {
     const char* name;
     std::function<void()> run;
     int seconds = 120; ///< deadline
+    int times = 1;     ///< before they are scaled
 };
 
-/// Runs every case, or those named on the command line, each in a process of its own.
+/// Runs every case, or the one named on the command line, each time in a process of its own.
 inline int RunCases(int argc, char** argv, std::initializer_list<Case> cases) {
-    int failed = 0;
+    bool failed = false;
     for (const Case& test : cases) {
-        bool wanted = argc < 2;
-        for (int i = 1; i < argc; ++i)
-            wanted = wanted || std::strcmp(argv[i], test.name) == 0;
-        if (!wanted)
+        if (argc > 1 && argv[1] != std::string(test.name))
             continue;
-        const Ended ended =
-            RunChild([&test] { return test.run(), 0; }, std::chrono::seconds(test.seconds));
-        std::printf("%-6s %s (%.1f s, status %d)\n%s", ended.status == 0 ? "ok" : "FAILED",
-                    test.name, ended.seconds, ended.status, ended.output.c_str());
-        failed += ended.status != 0;
+        for (int run = 0; run < Repetitions(test.times); ++run) {
+            const Ended ended =
+                RunChild([&test] { return test.run(), 0; }, std::chrono::seconds(test.seconds));
+            if (run == 0 || ended.status != 0)
+                std::printf("%s: status %d after %.2f s\n%s", test.name, ended.status,
+                            ended.seconds, ended.output.c_str());
+            failed = failed || ended.status != 0;
+        }
     }
-    return failed == 0 ? 0 : 1;
+    return failed ? 1 : 0;
 }
 
 } // namespace Metrics::test
