@@ -1,10 +1,12 @@
-// Any two values make exactly one line with balanced quotes.
+// Any two values make exactly one line: the four columns before them, then at least one comma and
+// balanced quotes.
 
 #include "CsvLine.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 using namespace Metrics;
 
@@ -25,7 +27,11 @@ extern "C" int LLVMFuzzerTestOneInput(const char* data, std::size_t size) {
     event.timestamp = event.contextId = event.unixSeconds = static_cast<std::uint64_t>(number);
     detail::CsvLine renderer;
     const std::string_view line = renderer.Render(event);
-    if (line.find('\n') != line.size() - 1 || std::count(line.begin(), line.end(), '"') % 2 != 0)
+    const std::string digits = std::to_string(event.timestamp);
+    const std::string head = digits + ',' + digits + ".000000," + digits + ",0,";
+    const std::string_view values = line.substr(std::min(head.size(), line.size()));
+    if (!line.starts_with(head) || values.find(',') == values.npos ||
+        line.find('\n') != line.size() - 1 || std::count(line.begin(), line.end(), '"') % 2 != 0)
         std::abort();
     return 0;
 }
