@@ -34,7 +34,9 @@ inline bool PassesMask(std::uint64_t eventBits, std::uint64_t mask) noexcept {
 inline bool PassesLiveMask(std::uint64_t eventBits) noexcept {
     // Relaxed: the mask guards nothing. A call that races with a change may go either way.
     const std::uint64_t mask = s_liveMask.m_bits.load(std::memory_order_relaxed);
-    return mask != 0 && PassesMask(eventBits, mask);
+    // The shared category first: then a constant category costs one test.
+    constexpr std::uint64_t categories = ~std::uint64_t{0xFFF};
+    return (eventBits & mask & categories) != 0 || (mask != 0 && (eventBits & categories) == 0);
 }
 
 } // namespace detail
