@@ -1,14 +1,20 @@
-#include "support/Transcript.h"
+#include "support/Exercise.h"
 
-namespace Metrics::Testing {
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <utility>
+
+namespace Metrics::test {
 
 TEST(Consumer, IsCalledOnceForEachRegistrationInTheirOrder) {
     std::string synchronous, asynchronous; // who was called; the second is read after a flush only
     const auto named = [&](char name) {
-        return korsys::MakeRefCnt<Consumer>([&, name](const MetricsEvent&) {
+        return MakeListener([&, name](const MetricsEvent&) {
             const bool isEmitter = gettid() == getpid();
             (isEmitter ? synchronous : asynchronous) += name;
-            const auto other = korsys::MakeRefCnt<Consumer>([](const MetricsEvent&) { FAIL(); });
+            const auto other = MakeListener([](const MetricsEvent&) { FAIL(); });
             EXPECT_FALSE(Manager().AddConsumer(other, everyBit, true)) << "inside a call";
             EXPECT_FALSE(Manager().RemoveConsumer(other));
             if (name == 'b' && !isEmitter)
@@ -17,8 +23,7 @@ TEST(Consumer, IsCalledOnceForEachRegistrationInTheirOrder) {
     };
     const MetricsListenerPtr consumers[] = {named('a'), named('b')};
     EXPECT_FALSE(Manager().AddConsumer(consumers[0], everyBit, false)) << "not enabled";
-    Manager().Enable();
-    Manager().SetBitsAbsolute(everyBit);
+    Start();
     // Add asynchronously, Synchronously, or Remove; success; who is called then.
     const struct {
         const char* operation;
@@ -52,7 +57,7 @@ TEST(Consumer, MayCallTheManagerFromItsDestructor) {
     std::atomic<int> gone{0};
     const auto make = [&gone](bool synchronous) {
         const std::shared_ptr<void> token(nullptr, [&gone](void*) {
-            const auto other = korsys::MakeRefCnt<Consumer>([](const MetricsEvent&) {});
+            const auto other = MakeListener([](const MetricsEvent&) {});
             Manager().AddConsumer(other, everyBit, true);
             Manager().RemoveConsumer(other);
             Send(1);
@@ -104,4 +109,4 @@ TEST(Consumer, ThatThrowsLosesTheEventAndNothingElse) {
     EXPECT_EQ(delivered, 10) << "everything was announced once, and nothing that was lost";
 }
 
-} // namespace Metrics::Testing
+} // namespace Metrics::test

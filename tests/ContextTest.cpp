@@ -1,10 +1,15 @@
-#include "support/Transcript.h"
+#include "support/Exercise.h"
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
 
 #include <map>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 
-namespace Metrics::Testing {
+namespace Metrics::test {
 
 /// Has events written down as lines such as `ScopeOpened s1 in 2: "cxt", 0 &10000`, with the bits
 /// unless they are 0. Scopes are named s1, s2 and so on as they open; own ids show as pid and tid.
@@ -146,4 +151,4 @@ TEST(Context, GateAndParentFollowTheStack) {
     }
 }
 
-} // namespace Metrics::Testing
+} // namespace Metrics::test

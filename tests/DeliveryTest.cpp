@@ -1,4 +1,8 @@
-#include "support/Transcript.h"
+#include "support/Exercise.h"
+
+#include <korsys/TEvent.h>
+
+#include <gtest/gtest.h>
 
 #include <pthread.h>
 #include <sys/wait.h>
@@ -6,25 +10,12 @@
 #include <array>
 #include <chrono>
 #include <csignal>
+#include <mutex>
 #include <stdexcept>
+#include <thread>
 #include <vector>
 
-static thread_local std::function<void()> t_onNextArray; // what the thread does in its next new[]
-
-// The library's arrays come from here, too.
-void* operator new[](std::size_t size) {
-    if (const auto call = std::exchange(t_onNextArray, nullptr))
-        call();
-    return operator new(size);
-}
-void operator delete[](void* memory) noexcept {
-    operator delete(memory);
-}
-void operator delete[](void* memory, std::size_t) noexcept {
-    operator delete(memory);
-}
-
-namespace Metrics::Testing {
+namespace Metrics::test {
 
 using std::chrono::steady_clock;
 
@@ -96,44 +87,6 @@ TEST(Delivery, LosesRepeatsAndReordersNothingInAThousandSwaps) {
     EXPECT_EQ(outOfOrder, 0u);
     EXPECT_EQ(expected, emitted);
     EXPECT_EQ(delivered, begun);
-}
-
-class PausedAppend : public testing::TestWithParam<bool> {};
-INSTANTIATE_TEST_SUITE_P(Shared, PausedAppend, testing::Bool());
-
-TEST_P(PausedAppend, KeepsItsBufferFromBeingWalked) {
-    korsys::TEvent entered(false), release(false), paused(false), go(false);
-    std::atomic<std::uint64_t> delivered{0};
-    Consume(false, [&](const MetricsEvent&) {
-        if (++delivered == 1) {
-            entered.Signal();
-            release.Wait(forever);
-        }
-    });
-    Send(0);
-    ASSERT_TRUE(entered.Wait(forever));
-    // While the delivery is held the other buffer fills, until the next append needs an array.
-    constexpr std::uint64_t full = 65536;
-    for (std::uint64_t i = 0; i < full; ++i)
-        Emit(1, i);
-    {
-        const std::jthread emitter([&] {
-            t_onNextArray = [&] {
-                paused.Signal();
-                go.Wait(forever);
-            };
-            Emit(1, full + (GetParam() ? 2 : 0)); // by either road
-        });
-        EXPECT_TRUE(paused.Wait(forever));
-        Send(0); // nobody else waits for it
-        release.Signal();
-        Manager().WaitUntilWritesFlushed(200); // ends at once when the buffer is walked
-        EXPECT_EQ(delivered, 1u);
-        go.Signal();
-    }
-    Flush();
-    EXPECT_EQ(delivered, full + 3);
-    EXPECT_TRUE(Manager().Disable());
 }
 
 TEST(Delivery, EndsAtShutdownAndLetsEveryWaiterGo) {
@@ -226,4 +179,4 @@ TEST(Delivery, FirstUsersThatRaceShareOneInstance) {
     }
 }
 
-} // namespace Metrics::Testing
+} // namespace Metrics::test

@@ -1,5 +1,9 @@
 #include "CsvLine.h"
-#include "support/Transcript.h"
+#include "support/Exercise.h"
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
 
 #include <bit>
 #include <cfloat>
@@ -13,7 +17,7 @@
 #include <stdexcept>
 #include <vector>
 
-namespace Metrics::Testing {
+namespace Metrics::test {
 
 static const std::string header = "timestamp,datetime,context_id,event_type,param1,param2\n";
 
@@ -149,4 +153,4 @@ TEST(RawClient, WritesWhatHappensWhileItIsOpen) {
     std::remove(filePath.c_str());
 }
 
-} // namespace Metrics::Testing
+} // namespace Metrics::test

@@ -1,10 +1,12 @@
-#include "support/Transcript.h"
+#include "support/Exercise.h"
+
+#include <gtest/gtest.h>
 
 #include <climits>
 #include <cstring>
 #include <sstream>
 
-namespace Metrics::Testing {
+namespace Metrics::test {
 
 using Kind = MetricsValue::Kind;
 using namespace MetricsBitsUtils;
@@ -84,4 +86,4 @@ TEST(Mnemonics, NameTheBits) {
               "queryd,rend,rpipe,sql,tel,test1,test2,viz");
 }
 
-} // namespace Metrics::Testing
+} // namespace Metrics::test

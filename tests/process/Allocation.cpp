@@ -1,8 +1,8 @@
 // Memory runs out: every allocation of every operation fails once. The event at hand is lost or the
 // operation can be tried again; everything else goes on.
 
+#include "../support/Exercise.h"
 #include "../support/Process.h"
-#include "Exercise.h"
 
 #include <dlfcn.h>
 
@@ -88,7 +88,7 @@ const struct Operation {
     std::string events;    // what it brings, also when it is tried again after a failure
     std::size_t slack = 0; // how many more or fewer it may bring then
 } s_operations[] = {
-    {"EmitEvent", nullptr, [](State&) { EmitOne("text", "text"); }, "7"},
+    {"EmitEvent", nullptr, [](State&) { Send("text", "text"); }, "7"},
     {"Create", nullptr, [](State&) { Context::Create(true); }, "2"},
     {"Context", nullptr, [](State& s) { s.context = std::make_unique<Context>(1, 2); }, "3"},
     {"Emit", Open, [](State& s) { s.context->Emit("text"); }, "88857"},
@@ -139,15 +139,15 @@ bool RunOperation(const Operation& operation, int n) {
     State state;
     bool hasFailed = false;
     const bool startFailed = FailsOnce(n, [] { Start(); });
-    VERIFY(Manager().AddConsumer(state.listener, ~0ull, false));
+    VERIFY(Manager().AddConsumer(state.listener, everyBit, false));
     std::thread([&] {
         if (operation.prepare != nullptr) {
             operation.prepare(state);
-            Manager().WaitUntilWritesFlushed(20000);
+            Flush();
             state.delivered.clear();
         }
         hasFailed = FailsOnce(n, [&] { operation.run(state); });
-        Manager().WaitUntilWritesFlushed(20000);
+        Flush();
         const std::size_t size = state.delivered.size();
         const std::size_t expected = operation.events.size();
         if (!hasFailed || operation.slack == 0)
@@ -159,10 +159,10 @@ bool RunOperation(const Operation& operation, int n) {
         VERIFY(Manager().GetCurrentThreadContext() == nullptr);
     }).join();
     state.shared.reset();
-    Manager().WaitUntilWritesFlushed(20000);
+    Flush();
     state.delivered.clear();
     for (int i = 0; i < 1000; ++i)
-        EmitOne(i, {}, MetricsBits::act);
+        Send(i, {}, MetricsBits::act);
     FailsOnce(n, [] { Manager().Disable(); });
     MetricsManager::ShutdownAndFreeInstance();
     VERIFY(state.delivered == std::string(1000, '7') && IsInert());
@@ -186,7 +186,7 @@ bool GrowBuffer(int n, int failures) {
     std::atomic<bool> isFull{false};
     Manager().SetThreadInitFunction([&] { VERIFY(Poll([&] { return isFull.load(); })); });
     const Session session;
-    VERIFY(Manager().AddConsumer(state.listener, ~0ull, false));
+    VERIFY(Manager().AddConsumer(state.listener, everyBit, false));
     Context context(0, Context::Create(true));
     context.OpenScope();
     t_left = n;
@@ -200,7 +200,7 @@ bool GrowBuffer(int n, int failures) {
     }
     t_left = -1;
     isFull = true;
-    Manager().WaitUntilWritesFlushed(20000);
+    Flush();
     VERIFY(lost > 0 && lost <= static_cast<std::size_t>(failures));
     return Count(state.delivered, "7") == 100000 - lost;
 }

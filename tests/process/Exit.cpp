@@ -1,8 +1,8 @@
 // The end of the process while threads use the library: nothing crashes, nothing hangs, and calls
 // are harmless to the very last instruction.
 
+#include "../support/Exercise.h"
 #include "../support/Process.h"
-#include "Exercise.h"
 
 using namespace Metrics;
 using namespace Metrics::test;
@@ -38,8 +38,8 @@ void AfterTheLibrary(int, void*) {
 void GetBusy() {
     static std::atomic<unsigned> seen{0};
     Start();
-    VERIFY(Consume(true, MetricsBits::act, [](const MetricsEvent&) { ++seen; }));
-    VERIFY(Consume(false, ~0ull, [](const MetricsEvent&) { ++seen; }));
+    VERIFY(Consume(true, [](const MetricsEvent&) { ++seen; }));
+    VERIFY(Consume(false, [](const MetricsEvent&) { ++seen; }));
     std::atexit([] { UseEverything("from an exit handler"); });
     s_isBusy = true;
     for (auto& rounds : s_rounds)
@@ -55,8 +55,8 @@ void GetBusy() {
 void GetStuck(bool synchronous, bool isRegistering) {
     static std::atomic<pid_t> stuck{0}, registering{0};
     Start();
-    Consume(true, 0, [](const MetricsEvent&) {});
-    VERIFY(Consume(synchronous, ~0ull, [](const MetricsEvent& event) {
+    Consume(true, [](const MetricsEvent&) {});
+    VERIFY(Consume(synchronous, [](const MetricsEvent& event) {
         while (event.eventType != MetricsEventType::Shutdown) {
             stuck = gettid();
             pause();
@@ -67,7 +67,7 @@ void GetStuck(bool synchronous, bool isRegistering) {
     if (isRegistering) {
         std::thread([] {
             registering = gettid();
-            Consume(false, 0, [](const MetricsEvent&) {});
+            Consume(false, [](const MetricsEvent&) {});
         }).detach();
         VERIFY(Poll([] { return registering != 0 && IsAsleep(registering); }));
     }

@@ -1,7 +1,7 @@
 // The CSV file when the system does not play along.
 
+#include "../support/Exercise.h"
 #include "../support/Process.h"
-#include "Exercise.h"
 
 #include <sys/stat.h>
 
@@ -41,15 +41,16 @@ void CannotBeOpened() {
 
 /// A full disk costs the lines and nothing else; a text of any length is one line.
 void IsFullOrHasALongLine() {
-    const std::string longText(64u << 20, 'x');
+    const std::string longText(std::size_t(Repetitions(64 << 20)), 'x');
     const Session session;
     MetricsRawClient full;
     MetricsRawClient client;
     Open(full, "/dev/full");
     Open(client, s_file.path);
-    EmitOne(longText);
+    Send(longText);
     for (int i = 0; i < 1000; ++i)
-        EmitOne("next", i);
+        Send("next", i);
+    Flush(); // Close waits for 5 s only
     client.Close();
     const std::string text = ReadFile(s_file.path);
     VERIFY(text.find(",7," + longText + ",0\n") != std::string::npos);
@@ -65,11 +66,11 @@ void IsKilled() {
             Open(client, s_file.path);
             std::thread([] {
                 for (;;)
-                    EmitOne("meanwhile");
+                    Send("meanwhile");
             }).detach();
             for (int i = 0; i < 1000; ++i)
-                EmitOne("before", i);
-            Manager().WaitUntilWritesFlushed(20000);
+                Send("before", i);
+            Flush();
             return raise(SIGKILL);
         };
         VERIFY(RunChild(emitAndDie, std::chrono::seconds(60)).status == -SIGKILL);

@@ -1,7 +1,7 @@
 // Forks of a process that has the library in use: off in the child, unnoticed in the parent.
 
+#include "../support/Exercise.h"
 #include "../support/Process.h"
-#include "Exercise.h"
 
 #include <array>
 #include <vector>
@@ -11,12 +11,9 @@ using namespace Metrics::test;
 
 namespace {
 
-bool s_isChild = false;
-
 /// In the child: every call does nothing and the end takes no time. @return the exit status.
 int BeInert(MetricsRawClient& client) {
-    s_isChild = true;
-    EmitOne("of the child");
+    Send("of the child");
     client.Close();
     return IsInert() ? 0 : 2;
 }
@@ -41,8 +38,8 @@ void UnderLoad() {
     client.SetOutputFileName(file.path);
     const Session session;
     VERIFY(client.Open());
-    Consume(false, ~0ull, [&delivered](const MetricsEvent&) { ++delivered; });
-    VERIFY(Consume(true, ~0ull,
+    Consume(false, [&delivered](const MetricsEvent&) { ++delivered; });
+    VERIFY(Consume(true,
                    [parent = getpid()](const MetricsEvent&) { VERIFY(getpid() == parent); }));
 
     std::array<std::uint64_t, 3> emitted{};
@@ -50,14 +47,14 @@ void UnderLoad() {
     for (std::uint64_t i = 0; i < emitted.size(); ++i)
         threads.emplace_back([&, i](const std::stop_token& isOver) {
             while (!isOver.stop_requested()) {
-                EmitOne(i, emitted[i]++);
+                Send(i, emitted[i]++);
                 if (emitted[i] % 64 == 0) // the backlog stays small
                     Manager().WaitUntilWritesFlushed(1000);
             }
         });
     threads.emplace_back([](const std::stop_token& isOver) {
         while (!isOver.stop_requested())
-            VERIFY(Manager().RemoveConsumer(Consume(true, ~0ull, [](const MetricsEvent&) {})));
+            VERIFY(Manager().RemoveConsumer(Consume(true, [](const MetricsEvent&) {})));
     });
     double seconds = 0;
     for (int i = 0; i < Repetitions(300); ++i) {
@@ -92,7 +89,7 @@ void InsideAConsumer(bool synchronous) {
     MetricsRawClient client;
     client.SetOutputFileName(file.path);
     Start();
-    Consume(synchronous, MetricsBits::act, [](const MetricsEvent& event) {
+    Consume(synchronous, [](const MetricsEvent& event) {
         if (event.eventType != MetricsEventType::Custom)
             return;
         if (event.param1.integer == 1)
@@ -104,7 +101,7 @@ void InsideAConsumer(bool synchronous) {
         child = -1;
         delivered = 0;
         for (int n = 0; n < 100; ++n)
-            EmitOne(n, "line", MetricsBits::act);
+            Send(n, "line", MetricsBits::act);
         if (synchronous && child == 0)
             std::exit(BeInert(client));
         VERIFY(Poll([] { return delivered == 100; }));
@@ -115,11 +112,6 @@ void InsideAConsumer(bool synchronous) {
 }
 
 } // namespace
-
-// For LeakSanitizer: the child has no stacks that hold what the parent's other threads hold.
-extern "C" int __lsan_is_turned_off() {
-    return s_isChild;
-}
 
 int main(int argc, char** argv) {
     return RunCases(argc, argv,

@@ -1,7 +1,7 @@
 // Consumers that do what they had better not: come back, wait, never leave others alone.
 
+#include "../support/Exercise.h"
 #include "../support/Process.h"
-#include "Exercise.h"
 
 #include <array>
 #include <vector>
@@ -18,20 +18,20 @@ void EmitsWhileARegistrationWaits() {
     std::atomic<pid_t> registering{0};
     int calls = 0, others = 0;
     const Session session;
-    Consume(true, ~0ull, [&](const MetricsEvent& event) {
+    Consume(true, [&](const MetricsEvent& event) {
         if (event.eventType == MetricsEventType::Shutdown)
             return;
         VERIFY(++calls == 1);
         thread = std::jthread([&] {
             registering = gettid();
-            VERIFY(Consume(true, 0, [](const MetricsEvent&) {}));
+            VERIFY(Consume(true, [](const MetricsEvent&) {}));
         });
         VERIFY(Poll([&] { return registering != 0 && IsAsleep(registering); }));
         for (int i = 0; i < 100; ++i)
-            EmitOne(i);
+            Send(i);
     });
-    Consume(true, ~0ull, [&](const MetricsEvent&) { ++others; });
-    EmitOne("first");
+    Consume(true, [&](const MetricsEvent&) { ++others; });
+    Send("first");
     thread.join();
     VERIFY(calls == 1 && others == 101);
 }
@@ -40,7 +40,7 @@ void EmitsWhileARegistrationWaits() {
 void CallsBack(bool synchronous) {
     std::atomic<bool> isDone{false};
     const Session session;
-    Consume(synchronous, ~0ull, [&](const MetricsEvent& event) {
+    Consume(synchronous, [&](const MetricsEvent& event) {
         if (event.eventType != MetricsEventType::Custom)
             return;
         const auto start = Clock::now();
@@ -49,7 +49,7 @@ void CallsBack(bool synchronous) {
         VERIFY(SecondsSince(start) > 0.9 && SecondsSince(start) < 1.9);
         isDone = true;
     });
-    EmitOne("call");
+    Send("call");
     VERIFY(Poll([&] { return isDone.load(); }) && IsInert());
 }
 
@@ -57,14 +57,14 @@ void CallsBack(bool synchronous) {
 void RegistersUnderLoad() {
     std::array<std::atomic<unsigned>, 8> emitted{};
     const Session session;
-    const auto listener = Consume(true, ~0ull, [](const MetricsEvent&) {
+    const auto listener = Consume(true, [](const MetricsEvent&) {
         for (const auto start = Clock::now(); SecondsSince(start) < 20e-6;) {}
     });
     std::vector<std::jthread> threads;
     for (auto& count : emitted)
         threads.emplace_back([&](const std::stop_token& isOver) {
             for (; !isOver.stop_requested(); ++count)
-                EmitOne("load");
+                Send("load");
         });
     for (unsigned i = 0; i < unsigned(Repetitions(200)); ++i) {
         const unsigned before = emitted[i % 8];

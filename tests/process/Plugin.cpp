@@ -1,6 +1,6 @@
 // A plug-in as others build them: with -fPIC -shared and nothing else.
 
-#include "Exercise.h"
+#include "../support/Exercise.h"
 
 #include <thread>
 
@@ -28,8 +28,8 @@ bool Use(const std::string& text) {
     std::atomic<int> later{0};
     const auto synchronous = CountTexts(seen, text);
     const auto queued = CountTexts(later, text);
-    Manager().AddConsumer(synchronous, ~0ull, true);
-    Manager().AddConsumer(queued, ~0ull, false);
+    Manager().AddConsumer(synchronous, everyBit, true);
+    Manager().AddConsumer(queued, everyBit, false);
     const auto work = [&text] {
         for (int i = 0; i < 20; ++i)
             UseEverything(text);
@@ -46,7 +46,7 @@ extern "C" {
 
 /// A whole life; what it leaves open is closed by being unloaded.
 bool Live(const char* file, bool shutDown, std::atomic<int>* delivered) {
-    Start().AddConsumer(CountTexts(*delivered, "plugged in"), ~0ull, false);
+    Start().AddConsumer(CountTexts(*delivered, "plugged in"), everyBit, false);
     s_client.SetOutputFileName(file);
     const bool good = s_client.Open() == (*file != 0) && Use("plugged in");
     if (shutDown)
@@ -60,11 +60,11 @@ void Reside() {
         while (!s_gateIsOpen)
             std::this_thread::yield();
     });
-    Start().AddConsumer(CountTexts(s_arrived, s_visitor), ~0ull, false);
+    Start().AddConsumer(CountTexts(s_arrived, s_visitor), everyBit, false);
 }
 int Release() {
     s_gateIsOpen = true;
-    Manager().WaitUntilWritesFlushed(20000);
+    Flush();
     return s_arrived;
 }
 
@@ -79,7 +79,7 @@ void* GetStuck(const char* pipe) {
     const auto client = new MetricsRawClient;
     client->SetOutputFileName(pipe);
     client->Open();
-    EmitOne(std::string(1 << 20, 'x'));
+    Send(std::string(1 << 20, 'x'));
     return Manager().Disable() ? nullptr : client;
 }
 }

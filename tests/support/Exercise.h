@@ -1,14 +1,37 @@
-#ifndef METRICS_TESTS_PROCESS_EXERCISE_H
-#define METRICS_TESTS_PROCESS_EXERCISE_H
+#ifndef METRICS_TESTS_SUPPORT_EXERCISE_H
+#define METRICS_TESTS_SUPPORT_EXERCISE_H
 
 #include <metrics/Metrics.h>
 
-#include <array>
 #include <atomic>
 #include <functional>
 #include <string>
 
+/// The library, used in the shortest way.
 namespace Metrics::test {
+
+constexpr unsigned int forever = 60'000; // ms; only a test that fails waits that long
+constexpr std::uint64_t everyBit = ~std::uint64_t{0};
+
+inline MetricsManager& Manager() {
+    return *MetricsManager::GetInstance();
+}
+
+inline void Flush() {
+    Manager().WaitUntilWritesFlushed(forever);
+}
+
+inline MetricsManager& Start() {
+    Manager().Enable();
+    Manager().SetBits(everyBit);
+    return Manager();
+}
+
+/// The library in use; taken down before what the consumers refer to, when declared behind it.
+struct Session {
+    Session() { Start(); }
+    ~Session() { MetricsManager::ShutdownAndFreeInstance(); }
+};
 
 using Handle = std::function<void(const MetricsEvent&)>;
 
@@ -23,36 +46,22 @@ inline MetricsListenerPtr MakeListener(Handle handle) {
     return korsys::MakeRefCnt<Listener>(std::move(handle));
 }
 
-inline MetricsManager& Manager() {
-    return *MetricsManager::GetInstance();
-}
-
-inline MetricsManager& Start() {
-    Manager().Enable();
-    Manager().SetBits(~std::uint64_t{0});
-    return Manager();
-}
-
-/// The library in use; taken down before what the consumers refer to, when declared behind it.
-struct Session {
-    Session() { Start(); }
-    ~Session() { MetricsManager::ShutdownAndFreeInstance(); }
-};
-
-/// Registers a new consumer, or returns none.
-inline MetricsListenerPtr Consume(bool synchronous, std::uint64_t bits, Handle handle) {
+/// Starts the library and registers a new consumer. @return it, or none when it was refused.
+inline MetricsListenerPtr Consume(bool synchronous, Handle handle) {
     const auto listener = MakeListener(std::move(handle));
-    return Manager().AddConsumer(listener, bits, synchronous) ? listener : nullptr;
+    return Start().AddConsumer(listener, everyBit, synchronous) ? listener : nullptr;
 }
 
-/// Emits one Custom event by the shortest way.
-inline void EmitOne(MetricsValue first, MetricsValue second = {}, std::uint64_t bits = 0) {
+/// Emits one event. @return it.
+inline auto Send(MetricsValue first, MetricsValue second = {}, std::uint64_t bits = 0,
+                 MetricsEventType type = MetricsEventType::Custom) {
     const auto event = MakeMetricsEvent();
-    event->eventType = MetricsEventType::Custom;
+    event->eventType = type;
     event->bits = bits;
     event->param1 = std::move(first);
     event->param2 = std::move(second);
     Manager().EmitEvent(event);
+    return event;
 }
 
 /// Every way to make contexts, scopes, attributes and events, once.
@@ -67,7 +76,7 @@ inline void UseEverything(const std::string& text) {
         child->AddAttribute("of the child", text);
     if (const auto child = SharedMetricsContext(true).Open())
         child->Emit(true);
-    EmitOne(text);
+    Send(text);
 }
 
 /// Whether every operation does nothing, as it must once the library is off.
@@ -75,7 +84,7 @@ inline bool IsInert() {
     bool called = false;
     const auto listener = MakeListener([&called](const MetricsEvent&) { called = true; });
     Manager().Enable();
-    const bool accepts = Manager().AddConsumer(listener, ~std::uint64_t{0}, true) ||
+    const bool accepts = Manager().AddConsumer(listener, everyBit, true) ||
                          Manager().RemoveConsumer(listener) || Manager().Disable() ||
                          Manager().SetBits(1) != 0 || Manager().GetNextContextId() != 0 ||
                          Context::Create(true) != 0;
@@ -88,4 +97,4 @@ inline bool IsInert() {
 
 } // namespace Metrics::test
 
-#endif // METRICS_TESTS_PROCESS_EXERCISE_H
+#endif // METRICS_TESTS_SUPPORT_EXERCISE_H
