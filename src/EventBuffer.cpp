@@ -2,6 +2,7 @@
 
 #ifndef METRICS_PLAIN_MALLOC
 #include <oneapi/tbb/cache_aligned_allocator.h>
+#include <oneapi/tbb/scalable_allocator.h>
 #endif
 
 #include <algorithm>
@@ -82,8 +83,9 @@ void EventBuffer::AppendShutdown() noexcept {
            !m_shutdown.compare_exchange_weak(first, index, std::memory_order_relaxed)) {}
 }
 
-void EventBuffer::Trim(std::size_t events) noexcept {
+std::size_t EventBuffer::Trim(std::size_t events) noexcept {
     const std::size_t keep = (events + slotsPerChunk - 1) / slotsPerChunk;
+    std::size_t freed = 0;
     m_chunkCount = 0;
     for (std::size_t level = 0, number = 0; level < levelCount; ++level) {
         ChunkPtr* const chunks =
@@ -103,12 +105,20 @@ void EventBuffer::Trim(std::size_t events) noexcept {
             }
             DeleteChunk(chunk);
             chunks[i].store(nullptr, std::memory_order_relaxed);
+            ++freed;
         }
         if (!keepLevel) {
             m_levels[level].store(nullptr, std::memory_order_relaxed);
             delete[] chunks;
         }
     }
+    return freed * slotsPerChunk;
+}
+
+void EventBuffer::ReturnMemory() noexcept {
+#ifndef METRICS_PLAIN_MALLOC
+    scalable_allocation_command(TBBMALLOC_CLEAN_ALL_BUFFERS, nullptr);
+#endif
 }
 
 } // namespace Metrics::detail

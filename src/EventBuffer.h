@@ -91,7 +91,12 @@ public:
     bool Walk(Deliver deliver);
 
     /// Draining or free only: gives memory back, so that room for about `events` is kept.
-    void Trim(std::size_t events) noexcept;
+    /// @return the number of events for which there is no room any more.
+    std::size_t Trim(std::size_t events) noexcept;
+
+    /// Has the allocator return to the system what Trim gave back to it. Takes milliseconds when
+    /// that is much.
+    static void ReturnMemory() noexcept;
 
     /// Delivery thread only: the number of events that had room after the last walk.
     std::size_t Capacity() const noexcept { return m_chunkCount * slotsPerChunk; }

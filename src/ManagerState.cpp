@@ -217,8 +217,8 @@ bool ManagerState::DeliverBatch(EventBuffer& filled, bool urgent) {
         return false;
     // A buffer that has grown shrinks by and by, so that an uneven load does not allocate each
     // time; an empty one was swapped out to be shrunk.
-    filled.Trim(events == 0 ? restingCapacity
-                            : std::max({events, before - before / 8, restingCapacity}));
+    m_trimmed += filled.Trim(
+        events == 0 ? restingCapacity : std::max({events, before - before / 8, restingCapacity}));
     return shutdown;
 }
 
@@ -243,8 +243,14 @@ void ManagerState::BackgroundThreadProc() {
         if (flushed != nullptr)
             flushed->Signal();
         wasIdle = isEmpty;
-        if (isEmpty && !isOversized)
-            m_wakeEvent.Wait(idlePause);
+        if (!isEmpty || isOversized)
+            continue;
+        // In a quiet moment only: the allocator keeps what it is given for the next burst.
+        if (m_trimmed > restingCapacity) {
+            m_trimmed = 0;
+            EventBuffer::ReturnMemory();
+        }
+        m_wakeEvent.Wait(idlePause);
     }
 
     ReleaseConsumers();

@@ -132,6 +132,7 @@ private:
 
     // The one that m_queue names is filled by emitters; the delivery thread has the other.
     std::array<EventBuffer, 2> m_buffers;
+    std::size_t m_trimmed = 0; // delivery thread: events whose room went back to the allocator
 
     // Guarded by s_lifecycleLock until the thread runs.
     DeliveryThread m_thread;
