@@ -151,7 +151,10 @@ class METRICS_EXPORT IMetricsListener : public korsys::RefCntObject {
 public:
     ~IMetricsListener() override;
 
-    /// Called once for each delivered event and registration.
+    /// Called once for each delivered event and registration. The event is the caller's; whatever
+    /// is thrown is handled as the contract above says.
+    ///
+    /// Thread-safety: synchronous consumers are called by several threads at once.
     virtual void OnMetricsEvent(const MetricsEvent& event) = 0;
 };
 

@@ -73,9 +73,11 @@ public:
     void AttachContext(Context* context);
 
     /// Removes every occurrence of the context; the others keep their order.
+    /// Cost: a pass over the stack; takes no lock and allocates nothing.
     void DetachContext(Context* context) noexcept;
 
     /// The id of the top context; 0 for none.
+    /// Cost: a few loads, as for the two below; takes no lock and allocates nothing.
     std::uint64_t GetMetricsContextId() const noexcept;
 
     /// The parent id of the top context; 0 for none.
@@ -159,13 +161,19 @@ public:
     /// Adds category bits to the mask. @return the mask as it was before.
     ///
     /// Thread-safety: safe from any thread at any time.
-    /// Cost: one atomic operation; the same holds for the two operations below.
+    /// Cost: one atomic operation; takes no lock and allocates nothing.
     std::uint64_t SetBits(std::uint64_t bits) noexcept;
 
-    /// Replaces the mask. Thread-safety: safe from any thread at any time.
+    /// Replaces the mask. Does nothing when the library is off.
+    ///
+    /// Thread-safety: safe from any thread at any time.
+    /// Cost: one atomic operation; takes no lock and allocates nothing.
     void SetBitsAbsolute(std::uint64_t bits) noexcept;
 
-    /// Removes category bits from the mask. Thread-safety: safe from any thread at any time.
+    /// Removes category bits from the mask. Does nothing when the library is off.
+    ///
+    /// Thread-safety: safe from any thread at any time.
+    /// Cost: one atomic operation; takes no lock and allocates nothing.
     void ClearBits(std::uint64_t bits) noexcept;
 
     /// Registers a consumer for events that pass `bits`, called on the emitting threads when
@@ -220,17 +228,19 @@ public:
     /// The calling thread's current context; null for none.
     ///
     /// Thread-safety: safe from any thread at any time.
-    /// Cost: a few loads; the same holds for the operation below.
+    /// Cost: a few loads; takes no lock and allocates nothing.
     Context* GetCurrentThreadContext() noexcept;
 
     /// The id of the calling thread's current context; 0 for none.
+    ///
     /// Thread-safety: safe from any thread at any time.
+    /// Cost: a few loads; takes no lock and allocates nothing.
     std::uint64_t GetCurrentThreadContextId() noexcept;
 
     /// A context id never given before in this process, from 1; 0 when the library is off.
     ///
     /// Thread-safety: safe from any thread at any time.
-    /// Cost: one atomic operation.
+    /// Cost: one atomic operation; takes no lock and allocates nothing.
     std::uint64_t GetNextContextId() noexcept;
 
 private:

@@ -30,6 +30,7 @@ public:
     MetricsRawClient() noexcept;
 
     /// Closes the client.
+    /// Cost: that of Close.
     ~MetricsRawClient();
 
     MetricsRawClient(const MetricsRawClient&) = delete;
@@ -37,18 +38,21 @@ public:
 
     /// Sets the categories that Open adds to the manager's mask or, when `absolute`, replaces it
     /// with. Unknown mnemonics are dropped; see MetricsBitsUtils::ValidateMnemonicList.
+    /// Cost: reads the list, as ClearBits does; takes no lock and allocates nothing.
     void SetBits(std::string const& mnemonics, bool absolute);
 
     /// Sets the categories that Open takes out. Unknown mnemonics are dropped.
     void ClearBits(std::string const& mnemonics);
 
     /// Sets the path of the file.
+    /// Cost: copies the path; takes no lock.
     /// @throws std::bad_alloc
     void SetOutputFileName(std::string const& fileName);
 
     /// Takes one argument: "-set=", "-setabs=" or "-clear=" with mnemonics, or "-raw=" with the
     /// path. A later argument of the same kind replaces an earlier one. Settings take effect at the
     /// next Open. @return false, changing nothing, for any other argument.
+    /// Cost: copies the argument's value; takes no lock.
     /// @throws std::bad_alloc
     bool ProcessArgument(std::string const& argument);
 
@@ -65,6 +69,8 @@ public:
     /// Closes the root context, waits up to 5000 ms until everything queued so far is in the file,
     /// ends the registration and closes the file. Nothing is written to the file afterwards. The
     /// manager's mask stays as it is. Does nothing when closed.
+    ///
+    /// Cost: blocks until the flush ends; takes locks.
     void Close() noexcept;
 
 private:

@@ -49,6 +49,7 @@ public:
     }
 
     /// Closes the scope. What a synchronous consumer throws is dropped here.
+    /// Cost: one test when it is closed, else that of Close.
     ~Scope() {
         if (m_isOpen)
             CloseQuietly();
@@ -58,6 +59,9 @@ public:
     Scope& operator=(const Scope&) = delete;
 
     /// Emits a Custom event with one value, while the scope is open and its bits pass.
+    ///
+    /// Cost: two tests when it is closed or its bits are off, else that of
+    /// MetricsManager::EmitEvent.
     /// @throws std::bad_alloc, and what a synchronous consumer throws; the event is lost then.
     template <class First>
     void Emit(First&& first) const {
@@ -67,6 +71,8 @@ public:
     }
 
     /// Emits a Custom event with two values, while the scope is open and its bits pass.
+    ///
+    /// Cost: as above.
     /// @throws std::bad_alloc, and what a synchronous consumer throws; the event is lost then.
     template <class First, class Second>
     void Emit(First&& first, Second&& second) const {
@@ -79,16 +85,22 @@ public:
     bool IsOpen() const noexcept { return m_isOpen; }
 
     /// Emits ScopeClosed, once. The scope is closed afterwards, whatever happens.
+    ///
+    /// Cost: that of MetricsManager::EmitEvent; nothing when it is closed.
     /// @throws what a synchronous consumer throws, and std::bad_alloc.
     void Close();
 
     /// Opens the scope in the calling thread's current context, which must exist and be enabled:
     /// call it only after TestBitsAndContext(bits). The bits are those given when the scope was
     /// made.
+    ///
+    /// Cost: that of MetricsManager::EmitEvent.
     /// @throws std::bad_alloc, and what a synchronous consumer throws; it stays closed then.
     void OpenImpl(MetricsValue&& label, std::uint64_t bits);
 
     /// Emits one event of this scope; it must have opened before.
+    ///
+    /// Cost: that of MetricsManager::EmitEvent.
     /// @throws std::bad_alloc, and what a synchronous consumer throws; the event is lost then.
     void EmitImpl(MetricsEventType type, MetricsValue&& first, MetricsValue&& second) const;
 

@@ -34,6 +34,7 @@ public:
         Take();
     }
 
+    /// Gives the reference up; with the last one the object is deleted.
     ~RefCntPtr() {
         if (m_ptr != nullptr)
             static_cast<const Base*>(m_ptr)->RemoveReference();
@@ -80,6 +81,7 @@ private:
 };
 
 /// Makes an object and the first pointer to it.
+/// Cost: one allocation and one atomic increment.
 /// @throws std::bad_alloc, and whatever the constructor throws.
 template <class T, class... Args>
 RefCntPtr<T> MakeRefCnt(Args&&... args) {

@@ -33,9 +33,11 @@ public:
 
     /// Waits for the signal, at most the given number of milliseconds of the steady clock.
     /// @return true when the event was signalled, false after the time-out.
+    /// Cost: takes the event's lock; blocks.
     bool Wait(unsigned int milliseconds);
 
     /// The same, until a point in time.
+    /// Cost: as above.
     bool WaitUntil(std::chrono::steady_clock::time_point deadline);
 
 private:
