@@ -39,8 +39,7 @@ void UnderLoad() {
     const Session session;
     VERIFY(client.Open());
     Consume(false, [&delivered](const MetricsEvent&) { ++delivered; });
-    VERIFY(Consume(true,
-                   [parent = getpid()](const MetricsEvent&) { VERIFY(getpid() == parent); }));
+    VERIFY(Consume(true, [parent = getpid()](const MetricsEvent&) { VERIFY(getpid() == parent); }));
 
     std::array<std::uint64_t, 3> emitted{};
     std::vector<std::jthread> threads;
