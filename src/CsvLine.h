@@ -27,10 +27,7 @@ public:
     void Shrink() noexcept;
 
 private:
-    void AppendValue(const MetricsValue& value);
-    void AppendText(std::string_view text);
-
-    std::string m_line;
+    std::string m_line; // as large as the longest line so far could have been
 };
 
 } // namespace Metrics::detail

@@ -35,7 +35,7 @@ void DeleteChunk(T* chunk) noexcept {
 } // namespace
 
 EventBuffer::~EventBuffer() {
-    Walk([](const MetricsEvent&) {});
+    Walk([](const MetricsEvent&, bool) {});
     Trim(0);
 }
 

@@ -85,8 +85,9 @@ public:
     /// The number of appends since the last walk, failed ones included.
     std::size_t Size() const noexcept { return m_size.load(std::memory_order_relaxed); }
 
-    /// Draining only: calls `deliver` with each event in order, up to Shutdown, and empties the
-    /// buffer. `deliver` does not throw. @return whether Shutdown was reached.
+    /// Draining only: calls `deliver` with each event in order, up to Shutdown, and whether
+    /// somebody shares it, and empties the buffer. `deliver` does not throw. @return whether
+    /// Shutdown was reached.
     template <class Deliver>
     bool Walk(Deliver deliver);
 
@@ -195,9 +196,9 @@ bool EventBuffer::Walk(Deliver deliver) {
         for (std::size_t i = 0; i < slotsPerChunk && first + i < size; ++i) {
             Slot& slot = (*chunk)[i];
             if (first + i < end && slot.content == Content::Event)
-                deliver(std::as_const(slot.event));
+                deliver(std::as_const(slot.event), false);
             else if (first + i < end && slot.content == Content::Shared)
-                deliver(std::as_const(*slot.shared));
+                deliver(std::as_const(*slot.shared), true);
             Clear(slot);
         }
     }

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <thread>
+#include <utility>
 
 namespace Metrics::detail {
 
@@ -90,7 +91,12 @@ private:
 /// after the lock.
 class ManagerState::WriteLock {
 public:
-    explicit WriteLock(korsys::TReadWriteLock& lock) noexcept : m_lock(lock) { lock.Lock(); }
+    explicit WriteLock(ManagerState& state) noexcept : m_lock(state.m_subscriberLock) {
+        // Relaxed: whether the delivery thread sees it one event sooner or later is all the same.
+        state.m_waitingWriters.fetch_add(1, std::memory_order_relaxed);
+        m_lock.Lock();
+        state.m_waitingWriters.fetch_sub(1, std::memory_order_relaxed);
+    }
     ~WriteLock() { m_lock.Unlock(); }
     WriteLock(const WriteLock&) = delete;
     WriteLock& operator=(const WriteLock&) = delete;
@@ -99,15 +105,42 @@ private:
     korsys::TReadWriteLock& m_lock;
 };
 
+/// The delivery thread's hold for reading: kept from one event to the next, which saves two locked
+/// instructions and two calls for each.
+class ManagerState::DeliveryLock {
+public:
+    explicit DeliveryLock(ManagerState& state) noexcept : m_state(state) {}
+    ~DeliveryLock() { Release(); }
+    DeliveryLock(const DeliveryLock&) = delete;
+    DeliveryLock& operator=(const DeliveryLock&) = delete;
+
+    /// Sees to it that the lock is held; whoever waits to write goes first.
+    void Take() noexcept {
+        if (m_held && m_state.m_waitingWriters.load(std::memory_order_relaxed) == 0) [[likely]]
+            return;
+        Release();
+        m_state.m_subscriberLock.LockRead();
+        m_held = true;
+    }
+    void Release() noexcept {
+        if (std::exchange(m_held, false) && !InForkedChild()) // see ReadLock
+            m_state.m_subscriberLock.UnlockRead();
+    }
+
+private:
+    ManagerState& m_state;
+    bool m_held = false;
+};
+
 // Consumers ------------------------------------------------------------------------------------
 
 template <class Call>
 void ManagerState::DeliverTo(const Subscribers& subscribers, const MetricsEvent& event, Call call) {
     for (const Subscriber& subscriber : subscribers) {
-        if (!PassesMask(event.bits, subscriber.bits) || IsBeingCalled(subscriber.listener.Get()))
+        IMetricsListener* const listener = subscriber.listener.Get(); // the lock keeps it alive
+        if (!PassesMask(event.bits, subscriber.bits) || IsBeingCalled(listener))
             continue;
-        const MetricsListenerPtr listener = subscriber.listener;
-        const FrameGuard frame(listener.Get());
+        const FrameGuard frame(listener);
         call(*listener);
         if (InForkedChild())
             return;
@@ -138,7 +171,7 @@ void ManagerState::DeliverShutdown(const MetricsEvent& event,
 
 bool ManagerState::AddConsumer(MetricsListenerPtr&& listener, std::uint64_t bits,
                                bool synchronous) {
-    const WriteLock lock(m_subscriberLock);
+    const WriteLock lock(*this);
     if (!s_live.m_enabled.load(std::memory_order_relaxed)) // the delivery thread has ended
         return false;
     // In two steps: when the first fails, the listener is released after the lock.
@@ -164,7 +197,7 @@ bool ManagerState::Erase(Subscribers& subscribers, const IMetricsListener* liste
 
 bool ManagerState::RemoveConsumer(const IMetricsListener* listener) {
     MetricsListenerPtr released; // let go after the lock
-    const WriteLock lock(m_subscriberLock);
+    const WriteLock lock(*this);
     const bool found = Erase(m_syncSubscribers, listener, released) ||
                        Erase(m_asyncSubscribers, listener, released);
     if (m_syncSubscribers.empty())
@@ -175,7 +208,7 @@ bool ManagerState::RemoveConsumer(const IMetricsListener* listener) {
 void ManagerState::ReleaseConsumers() {
     Subscribers syncSubscribers;
     Subscribers asyncSubscribers;
-    const WriteLock lock(m_subscriberLock);
+    const WriteLock lock(*this);
     syncSubscribers.swap(m_syncSubscribers);
     asyncSubscribers.swap(m_asyncSubscribers);
     // Under the lock, so that no consumer is registered behind this.
@@ -205,14 +238,19 @@ bool ManagerState::DeliverBatch(EventBuffer& filled, bool urgent) {
 
     const std::size_t before = filled.Capacity();
     const std::size_t events = filled.Size();
-    const bool shutdown = filled.Walk([this](const MetricsEvent& event) {
+    DeliveryLock lock(*this);
+    const bool shutdown = filled.Walk([this, &lock](const MetricsEvent& event, bool isShared) {
         if (InForkedChild())
             return;
-        const ReadLock lock(m_subscriberLock);
+        lock.Take();
         DeliverTo(m_asyncSubscribers, event, [&event](IMetricsListener& listener) {
             CallQuietly([&] { listener.OnMetricsEvent(event); });
         });
+        // Code of the application may run when these are freed: not under a lock of ours.
+        if (isShared || event.param1.extra != nullptr || event.param2.extra != nullptr)
+            lock.Release();
     });
+    lock.Release();
     if (InForkedChild())
         return false;
     // A buffer that has grown shrinks by and by, so that an uneven load does not allocate each
@@ -242,14 +280,15 @@ void ManagerState::BackgroundThreadProc() {
             return; // a consumer has forked, and this is the child
         if (flushed != nullptr)
             flushed->Signal();
+        const bool isQuiet = isEmpty && wasIdle;
         wasIdle = isEmpty;
         if (!isEmpty || isOversized)
             continue;
         // In a quiet moment only: the allocator keeps what it is given for the next burst.
-        if (m_trimmed > restingCapacity) {
-            m_trimmed = 0;
+        if (isQuiet)
+            m_trimmed += Other(filling).Trim(restingCapacity);
+        if (isQuiet && std::exchange(m_trimmed, 0) > restingCapacity)
             EventBuffer::ReturnMemory();
-        }
         m_wakeEvent.Wait(idlePause);
     }
 

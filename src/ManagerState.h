@@ -77,7 +77,8 @@ void Emit(MetricsEventType type, std::uint64_t sourceId, std::uint64_t contextId
 /// (ThreadTable); it is freed when it is no longer reachable and all sections have been left.
 ///
 /// Locks: s_lifecycleLock and m_flushLock are each taken alone. m_subscriberLock is held for
-/// reading while a consumer is called, and no lock while one is destroyed.
+/// reading while a consumer is called, by the delivery thread from one event to the next, and no
+/// lock while one is destroyed.
 class ManagerState {
 public:
     ManagerState() = default;
@@ -110,6 +111,7 @@ private:
 
     class ReadLock;
     class WriteLock;
+    class DeliveryLock;
 
     void BackgroundThreadProc();
     void RunThreadInitFunction();
@@ -129,6 +131,7 @@ private:
     Subscribers m_syncSubscribers;
     Subscribers m_asyncSubscribers;
     korsys::TReadWriteLock m_subscriberLock{0};
+    std::atomic<int> m_waitingWriters{0}; // not guarded
 
     // The one that m_queue names is filled by emitters; the delivery thread has the other.
     std::array<EventBuffer, 2> m_buffers;

@@ -9,7 +9,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <mutex>
 #include <stdexcept>
 #include <utility>
 
@@ -47,25 +46,26 @@ public:
     void WriteHeader() { Write(detail::csvHeader); }
 
     void WriteEvent(const MetricsEvent& event) {
-        const std::lock_guard lock(m_mutex);
-        if (m_file < 0 || m_failed)
+        const detail::SectionGuard writing(m_writing);
+        // Sequentially consistent: see Section::Enter. Close sees the mark, or is seen here.
+        if (m_closed.load(std::memory_order_seq_cst) || m_failed)
             return;
         Write(m_line.Render(event));
         m_line.Shrink();
     }
 
     /// Afterwards nothing is written any more, also by a delivery thread that was given up. A write
-    /// that does not return (into a pipe, say) is not waited for: it is the last one.
+    /// that does not return (into a pipe, say) is not waited for: it is the last one, and the
+    /// destructor closes the file.
     void Close() {
-        m_failed = true;
-        const std::unique_lock lock(m_mutex, std::try_to_lock);
-        if (lock.owns_lock())
+        m_closed.store(true, std::memory_order_seq_cst);
+        if (!detail::Section::IsInside(m_writing.Read()))
             close(std::exchange(m_file, -1));
     }
 
 private:
     void Write(std::string_view bytes) {
-        while (!bytes.empty() && !m_failed) {
+        while (!bytes.empty() && !m_failed && !m_closed.load(std::memory_order_relaxed)) {
             const ssize_t written = write(m_file, bytes.data(), bytes.size());
             if (written >= 0)
                 bytes.remove_prefix(static_cast<std::size_t>(written));
@@ -74,9 +74,12 @@ private:
         }
     }
 
-    std::mutex m_mutex; // Close, against the delivery thread
     int m_file = -1;
-    std::atomic<bool> m_failed{false}; // or closed
+    std::atomic<bool> m_closed{false};
+
+    // The writing thread's; Close reads the mark.
+    detail::Section m_writing;
+    bool m_failed = false;
     detail::CsvLine m_line;
 };
 
