@@ -124,9 +124,13 @@ struct Size {
 /// blocks, so that the median leaves out those in which the machine ran somebody else.
 constexpr Size figureSize{100, 2000};
 
-/// Times bursts, block by block, each thread for itself by the wall clock, and reports "ns": the
-/// time for one call in the median block of this run, averaged over the threads. The first bursts
-/// are not timed; they bring buffers, queues and caches to the state in which they stay.
+/// For the figures that show how the time varies from call to call: each is timed by itself.
+constexpr Size singleCalls{50'000, 1};
+
+/// Times bursts, block by block, each thread for itself by the wall clock, and reports the time for
+/// one call, averaged over the threads: "ns" in the median block of this run, "p99" and "p99.9" in
+/// the block that 99 % or 99.9 % do not exceed. The first bursts are not timed; they bring buffers,
+/// queues and caches to the state in which they stay.
 ///
 /// `prepare` runs before each burst and `settle` after it, both untimed and while no burst runs.
 /// What was emitted is delivered in `settle`, for the peers just as for us.
@@ -156,10 +160,16 @@ void RunBursts(benchmark::State& state, Size size, Block block, Settle settle = 
     times.reserve(size.blocks * static_cast<std::size_t>(state.max_iterations));
     for (auto _ : state)
         state.SetIterationTime(burst());
-    const auto middle = times.begin() + static_cast<std::ptrdiff_t>(times.size() / 2);
-    std::nth_element(times.begin(), middle, times.end());
-    state.counters["ns"] = benchmark::Counter(*middle * 1e9 / static_cast<double>(size.calls),
-                                              benchmark::Counter::kAvgThreads);
+    std::sort(times.begin(), times.end());
+    const auto report = [&](const char* name, double part) {
+        const auto index = static_cast<std::size_t>(part * static_cast<double>(times.size()));
+        state.counters[name] =
+            benchmark::Counter(times.at(index) * 1e9 / static_cast<double>(size.calls),
+                               benchmark::Counter::kAvgThreads);
+    };
+    report("ns", 0.5);
+    report("p99", 0.99);
+    report("p99.9", 0.999);
 }
 
 /// The same for a single call, which gets a number.

@@ -22,8 +22,8 @@ constexpr Size csvLines{1, 20'000};
 constexpr const char* csvFile = "bench.csv";
 
 /// The two clock reads that every accepted event needs.
-void ClockReads(State& state) {
-    RunCalls(state, figureSize, [](std::int64_t) {
+void ClockReads(State& state, Size size) {
+    RunCalls(state, size, [](std::int64_t) {
         std::uint64_t seconds = 0;
         std::uint32_t microseconds = 0;
         DoNotOptimize(Metrics::AppUpTime());
@@ -43,11 +43,11 @@ void Filtered(State& state, Call call) {
 }
 
 /// The call alone, on the emitting threads; a counting consumer gets the events afterwards.
-void Emit(State& state) {
+void Emit(State& state, Size size) {
     const Registered<CountingConsumer> consumer;
     Context context(0, Context::Create(true));
     RunCalls(
-        state, figureSize, [&context](std::int64_t i) { context.Emit(i, 0.5); }, Flush);
+        state, size, [&context](std::int64_t i) { context.Emit(i, 0.5); }, Flush);
 }
 
 /// From the first emit until the consumer has seen all.
@@ -127,8 +127,10 @@ void RegisterFigures() {
     Register("figure/csv-client", 1, 11, CsvClient);
     Register("figure/csv-write", 1, 11, CsvWrite);
     Register("figure/sustained", 1, 3, Sustained);
-    Register("figure/clock-reads", 2, 7, ClockReads);
-    Register("figure/emit", 2, 7, Emit);
+    Register("figure/clock-reads", 2, 7, [](State& state) { ClockReads(state, figureSize); });
+    Register("figure/single-clock-reads", 1, 7, [](State& s) { ClockReads(s, singleCalls); });
+    Register("figure/emit", 2, 7, [](State& state) { Emit(state, figureSize); });
+    Register("figure/single-emit", 2, 7, [](State& state) { Emit(state, singleCalls); });
     Register("figure/filtered-attribute", 1, 7, [](State& state) {
         Filtered(state, [](std::int64_t i) { Metrics::Attribute("name", i, Bits::net); });
     });

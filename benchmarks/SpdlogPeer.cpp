@@ -26,9 +26,9 @@ struct Peer {
                                                         spdlog::async_overflow_policy::block)) {}
 
     /// The call alone, on the emitting threads.
-    void Run(State& state) {
+    void Run(State& state, Size size = figureSize) {
         RunCalls(
-            state, figureSize, [&](std::int64_t i) { logger->info("{} {}", i, 0.5); },
+            state, size, [&](std::int64_t i) { logger->info("{} {}", i, 0.5); },
             [&] {
                 while (pool->queue_size() != 0)
                     std::this_thread::yield();
@@ -45,6 +45,7 @@ void RegisterSpdlog() {
     static Peer toFile(std::make_shared<spdlog::sinks::basic_file_sink_mt>("spdlog.log", true));
     Register("figure/spdlog-null", 2, 7, [](State& state) { toNull.Run(state); });
     Register("figure/spdlog-file", 2, 7, [](State& state) { toFile.Run(state); });
+    Register("figure/single-spdlog", 2, 7, [](State& s) { toNull.Run(s, singleCalls); });
     Register("figure/spdlog-disabled", 1, 7, [](State& state) {
         RunCalls(state, figureSize, [](std::int64_t i) { toNull.logger->debug("{} {}", i, 0.5); });
     });

@@ -25,15 +25,15 @@ def load(path):
     return json.loads(path.read_text()) if path.exists() else None
 
 
-def medians(path):
-    """The median over the repetitions of "ns", by the benchmark's name and number of threads."""
+def medians(path, counter="ns"):
+    """The median over the repetitions of a counter, by the benchmark's name and number of threads."""
     times = {}
     runs = (load(path) or {"benchmarks": []})["benchmarks"]
     for run in sorted(runs, key=lambda run: run["family_index"]):
         name = re.fullmatch(r"(?:figure|call)/(.+)/iterations:\d+/manual_time/threads:(\d)",
                             run["run_name"])
         if run["run_type"] == "iteration" and "ns" in run and not run.get("error_occurred"):
-            times.setdefault(f"{name[1]} {name[2]}", []).append(run["ns"])
+            times.setdefault(f"{name[1]} {name[2]}", []).append(run[counter])
     return {name: statistics.median(values) for name, values in times.items()}
 
 
@@ -89,6 +89,16 @@ def figures_table(f):
     row("spdlog, level off", "spdlog-disabled 1")
     row("LTTng-UST, tracepoint off", "lttng-disabled 1")
     return table(["figure", "measured", "compared with", "ratio", "goal", "met"], rows)
+
+
+def singles_table(by_part):
+    """How the time of a call varies; by_part maps "ns", "p99" and "p99.9" to medians."""
+    titles = {"clock-reads 1": "two clock reads", "emit 1": "metrics", "lttng 1": "LTTng-UST",
+              "spdlog 1": "spdlog async", "emit 2": "metrics, 2 threads",
+              "lttng 2": "LTTng-UST, 2 threads", "spdlog 2": "spdlog async, 2 threads"}
+    return table(["one call, ns", "50 %", "99 %", "99.9 %"], [
+        [title] + [number(part.get(f"single-{name}")) for part in by_part.values()]
+        for name, title in titles.items()])
 
 
 def calls_table(calls):
@@ -172,17 +182,19 @@ def main():
     calls = {}
     for state in STATES:
         calls |= medians(directory / f"calls-{state}.json")
+    singles = {part: medians(directory / "figures.json", part) for part in ("ns", "p99", "p99.9")}
     memory, soak = load(directory / "memory.json"), load(directory / "soak.json")
     counted = dict(line.split() for line in
                    (ROOT / "benchmarks/instructions.txt").read_text().splitlines())
     run = f"{machine()}; {datetime.date.today()}"
     (directory / "results.json").write_text(json.dumps(
-        {"run": run, "figures_ns": figures, "calls_ns": calls, "memory": memory,
+        {"run": run, "figures_ns": figures, "percentiles_ns": singles, "calls_ns": calls, "memory": memory,
          "instructions": counted, "soak": soak}, indent=1) + "\n")
 
     parts = {}
     if figures:
         parts["figures"] = f"{run}\n\n{figures_table(figures)}"
+        parts["singles"] = singles_table(singles)
     if calls:
         parts["calls"] = calls_table(calls)
     if memory:
