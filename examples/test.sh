@@ -45,8 +45,14 @@ expect 0 "$programs/wordcount" -setabs=parse -raw=out.csv tree
 
 expect 1 "$programs/wordcount" tree/a.txt missing.txt
 says "cannot read 'missing.txt'" '1 files, 1 lines, 3 words'
-expect 1 "$programs/wordcount" -raw=missing/out.csv tree
-says 'failed to open file'
+# A file that cannot be recorded to is said so; a full disk costs the lines and nothing else.
+mkdir folder
+for file in missing/out.csv folder /sys/new.csv "$(printf 'x%.0s' {1..5000})"; do
+    expect 1 "$programs/wordcount" -raw="$file" tree
+    [[ $said == 'wordcount: cannot record: failed to open file' ]] || fail "$file: $said"
+done
+expect 0 "$programs/wordcount" -raw=/dev/full tree
+[[ $said == '2 files, 2 lines, 5 words, 25 bytes' ]] || fail "more was said: $said"
 expect 2 "$programs/wordcount" -set=act,bogus,net,nope tree
 says "unknown categories 'bogus,nope'"
 expect 2 "$programs/wordcount"

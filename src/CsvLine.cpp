@@ -1,6 +1,8 @@
 #include "CsvLine.h"
 
+#include <bit>
 #include <charconv>
+#include <cmath>
 #include <cstring>
 
 namespace Metrics::detail {
@@ -25,10 +27,39 @@ char* PutNumber(char* out, Number number, Format... format) {
 }
 
 /// Six digits, with zeros on the left.
-char* PutMicroseconds(char* out, std::uint32_t microseconds) {
-    for (int i = 5; i >= 0; --i, microseconds /= 10)
-        out[i] = static_cast<char>('0' + microseconds % 10);
+char* PutMillionths(char* out, std::uint32_t millionths) {
+    for (int i = 5; i >= 0; --i, millionths /= 10)
+        out[i] = static_cast<char>('0' + millionths % 10);
     return out + 6;
+}
+
+/// As "%.6f" in the locale "C": the exact value, rounded to even where two are equally near.
+char* PutDouble(char* out, double number) {
+    constexpr int mantissaBits = 52;
+    const auto bits = std::bit_cast<std::uint64_t>(number);
+    const std::uint64_t mantissa = (bits & ((1ULL << mantissaBits) - 1)) | 1ULL << mantissaBits;
+    // The value is mantissa / 2^scale.
+    const int scale = 1023 + mantissaBits - static_cast<int>(bits >> mantissaBits & 0x7FF);
+    if (scale < 1 ||
+        scale > 63) // whole, not finite, or tiny: the usual ones save a third of a line
+        return PutNumber(out, number, std::chars_format::fixed, 6);
+
+    __extension__ using Wide = unsigned __int128;
+    const std::uint64_t one = 1ULL << scale;
+    const Wide scaled = static_cast<Wide>(mantissa & (one - 1)) * 1'000'000;
+    const auto rest = static_cast<std::uint64_t>(scaled) & (one - 1);
+    std::uint64_t whole = mantissa >> scale;
+    auto millionths = static_cast<std::uint32_t>(scaled >> scale);
+    millionths += rest > one / 2 || (rest == one / 2 && millionths % 2 != 0) ? 1 : 0;
+    if (millionths == 1'000'000) {
+        millionths = 0;
+        ++whole;
+    }
+    if (std::signbit(number))
+        *out++ = '-';
+    out = PutNumber(out, whole);
+    *out++ = '.';
+    return PutMillionths(out, millionths);
 }
 
 char* PutSpecialText(char* out, std::string_view text) {
@@ -82,7 +113,7 @@ char* PutValue(char* out, const MetricsValue& value) {
         return out + text.copy(out, text.size());
     }
     case MetricsValue::Kind::Double:
-        return PutNumber(out, value.number, std::chars_format::fixed, 6);
+        return PutDouble(out, value.number);
     case MetricsValue::Kind::String:
         return value.text == nullptr ? out : PutText(out, *value.text);
     }
@@ -99,7 +130,7 @@ std::string_view CsvLine::Render(const MetricsEvent& event) {
     *out++ = ',';
     out = PutNumber(out, event.unixSeconds);
     *out++ = '.';
-    out = PutMicroseconds(out, event.unixMicroseconds);
+    out = PutMillionths(out, event.unixMicroseconds);
     *out++ = ',';
     out = PutNumber(out, event.contextId);
     *out++ = ',';

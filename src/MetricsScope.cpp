@@ -3,6 +3,8 @@
 #include <metrics/MetricsContext.h>
 #include <metrics/MetricsScope.h>
 
+#include <new>
+
 namespace Metrics {
 
 bool TestBitsAndContext(std::uint64_t bits) noexcept {
@@ -23,15 +25,18 @@ void Scope::OpenImpl(MetricsValue&& label, std::uint64_t /*bits*/) {
     Context* const current = detail::CurrentContext();
     if (current == nullptr) // the library was switched off since the gate
         return;
-    m_isOpen = true;
-    m_label = std::move(label);
+    if (m_state == State::New)
+        ::new (&m_label) MetricsValue(std::move(label));
+    else
+        m_label = std::move(label);
+    m_state = State::Open;
     m_context = current;
     try {
         current->OpenScope();
-        if (m_isOpen)
-            EmitImpl(MetricsEventType::ScopeOpened, MetricsValue(*m_label), MetricsValue());
+        if (IsOpen())
+            EmitImpl(MetricsEventType::ScopeOpened, MetricsValue(m_label), MetricsValue());
     } catch (...) {
-        m_isOpen = false;
+        m_state = State::Closed;
         throw;
     }
 }
@@ -44,18 +49,19 @@ void Scope::EmitImpl(MetricsEventType type, MetricsValue&& first, MetricsValue&&
 }
 
 void Scope::Close() {
-    if (!m_isOpen)
+    if (!IsOpen())
         return;
-    m_isOpen = false;
-    EmitImpl(MetricsEventType::ScopeClosed, MetricsValue(*m_label), MetricsValue());
+    m_state = State::Closed;
+    EmitImpl(MetricsEventType::ScopeClosed, MetricsValue(m_label), MetricsValue());
 }
 
-void Scope::CloseQuietly() noexcept {
+void Scope::Finish() noexcept {
     try {
         Close();
     } catch (...) {
         // A destructor has nobody to tell; the event is lost.
     }
+    m_label.~MetricsValue();
 }
 
 } // namespace Metrics

@@ -6,7 +6,6 @@
 #include <metrics/MetricsManager.h>
 
 #include <cstdint>
-#include <optional>
 #include <type_traits>
 #include <utility>
 
@@ -35,7 +34,7 @@ METRICS_EXPORT bool TestBitsAndContext(std::uint64_t bits) noexcept;
 class METRICS_EXPORT Scope {
 public:
     /// A closed scope without label, context or bits.
-    Scope() noexcept = default;
+    Scope() noexcept {}
 
     /// Opens a scope when the gate lets `bits` through; otherwise it stays closed and emits
     /// nothing. The label is anything that a MetricsValue can be made of.
@@ -51,8 +50,8 @@ public:
     /// Closes the scope. What a synchronous consumer throws is dropped here.
     /// Cost: one test when it is closed, else that of Close.
     ~Scope() {
-        if (m_isOpen)
-            CloseQuietly();
+        if (__builtin_expect(m_state != State::New, 0))
+            Finish();
     }
 
     Scope(const Scope&) = delete;
@@ -65,7 +64,7 @@ public:
     /// @throws std::bad_alloc, and what a synchronous consumer throws; the event is lost then.
     template <class First>
     void Emit(First&& first) const {
-        if (m_isOpen && detail::PassesLiveMask(m_bits))
+        if (IsOpen() && detail::PassesLiveMask(m_bits))
             EmitImpl(MetricsEventType::Custom, MetricsValue(std::forward<First>(first)),
                      MetricsValue());
     }
@@ -76,13 +75,13 @@ public:
     /// @throws std::bad_alloc, and what a synchronous consumer throws; the event is lost then.
     template <class First, class Second>
     void Emit(First&& first, Second&& second) const {
-        if (m_isOpen && detail::PassesLiveMask(m_bits))
+        if (IsOpen() && detail::PassesLiveMask(m_bits))
             EmitImpl(MetricsEventType::Custom, MetricsValue(std::forward<First>(first)),
                      MetricsValue(std::forward<Second>(second)));
     }
 
     /// Whether the scope has opened and not closed yet.
-    bool IsOpen() const noexcept { return m_isOpen; }
+    bool IsOpen() const noexcept { return m_state == State::Open; }
 
     /// Emits ScopeClosed, once. The scope is closed afterwards, whatever happens.
     ///
@@ -112,10 +111,14 @@ private:
             OpenImpl(MetricsValue(std::forward<Label>(label)), bits);
     }
 
-    void CloseQuietly() noexcept;
+    void Finish() noexcept;
 
-    bool m_isOpen = false;
-    std::optional<MetricsValue> m_label; // none until the scope opens for the first time
+    // A scope that stays closed costs a few stores and one test, hence no std::optional.
+    enum class State : unsigned char { New, Open, Closed };
+    State m_state = State::New;
+    union {
+        MetricsValue m_label; // not while it is New
+    };
     std::uint64_t m_bits = 0;
     Context* m_context = nullptr; // not owned
 };

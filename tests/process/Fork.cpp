@@ -18,26 +18,14 @@ int BeInert(MetricsRawClient& client) {
     return IsInert() ? 0 : 2;
 }
 
-/// In the parent: waits for a child that ends by itself. @return the seconds that took.
-double Reap(pid_t child) {
-    const auto start = Clock::now();
-    int status = 0;
-    const bool isOver = Poll([&] { return waitpid(child, &status, WNOHANG) == child; });
-    if (!isOver)
-        kill(child, SIGKILL);
-    VERIFY(isOver && status == 0);
-    return SecondsSince(start);
-}
-
 /// Forks while other threads emit, register, flush and write lines. Afterwards the file must hold
 /// each emitter's events once and in order, and nothing of the children.
 void UnderLoad() {
     const TemporaryFile file;
     std::atomic<int> delivered{0};
     MetricsRawClient client;
-    client.SetOutputFileName(file.path);
     const Session session;
-    VERIFY(client.Open());
+    VERIFY(Open(client, file.path));
     Consume(false, [&delivered](const MetricsEvent&) { ++delivered; });
     VERIFY(Consume(true, [parent = getpid()](const MetricsEvent&) { VERIFY(getpid() == parent); }));
 
@@ -59,10 +47,9 @@ void UnderLoad() {
     for (int i = 0; i < Repetitions(300); ++i) {
         const int before = delivered;
         VERIFY(Poll([&] { return delivered - before > 20; })); // lines are being written
-        const pid_t child = fork();
-        if (child == 0)
-            std::exit(BeInert(client));
-        seconds += Reap(child);
+        const Ended ended = RunChild([&client] { return BeInert(client); });
+        VERIFY(ended.status == 0);
+        seconds += ended.seconds;
     }
     VERIFY(seconds / Repetitions(300) < 0.5); // waiting for a delivery thread would take 1 s
     threads.clear();
@@ -86,7 +73,6 @@ void InsideAConsumer(bool synchronous) {
     static std::atomic<pid_t> child{-1};
     static std::atomic<int> delivered{0};
     MetricsRawClient client;
-    client.SetOutputFileName(file.path);
     Start();
     Consume(synchronous, [](const MetricsEvent& event) {
         if (event.eventType != MetricsEventType::Custom)
@@ -95,7 +81,7 @@ void InsideAConsumer(bool synchronous) {
             child = fork();
         ++delivered;
     });
-    VERIFY(client.Open());
+    VERIFY(Open(client, file.path));
     for (int i = 0; i < Repetitions(50); ++i) {
         child = -1;
         delivered = 0;
@@ -104,7 +90,8 @@ void InsideAConsumer(bool synchronous) {
         if (synchronous && child == 0)
             std::exit(BeInert(client));
         VERIFY(Poll([] { return delivered == 100; }));
-        Reap(child);
+        int status = 0;
+        VERIFY(waitpid(child, &status, 0) == child && status == 0);
     }
     client.Close();
     VERIFY(int(Count(ReadFile(file.path), ",line\n")) == 100 * Repetitions(50));

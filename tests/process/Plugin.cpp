@@ -47,8 +47,7 @@ extern "C" {
 /// A whole life; what it leaves open is closed by being unloaded.
 bool Live(const char* file, bool shutDown, std::atomic<int>* delivered) {
     Start().AddConsumer(CountTexts(*delivered, "plugged in"), everyBit, false);
-    s_client.SetOutputFileName(file);
-    const bool good = s_client.Open() == (*file != 0) && Use("plugged in");
+    const bool good = Open(s_client, file) == (*file != 0) && Use("plugged in");
     if (shutDown)
         MetricsManager::ShutdownAndFreeInstance();
     return good;
@@ -77,8 +76,7 @@ bool Visit() {
 void* GetStuck(const char* pipe) {
     Start();
     const auto client = new MetricsRawClient;
-    client->SetOutputFileName(pipe);
-    client->Open();
+    Open(*client, pipe);
     Send(std::string(1 << 20, 'x'));
     return Manager().Disable() ? nullptr : client;
 }

@@ -64,6 +64,11 @@ inline auto Send(MetricsValue first, MetricsValue second = {}, std::uint64_t bit
     return event;
 }
 
+inline bool Open(MetricsRawClient& client, const std::string& path) {
+    client.SetOutputFileName(path);
+    return client.Open();
+}
+
 /// Every way to make contexts, scopes, attributes and events, once.
 inline void UseEverything(const std::string& text) {
     Context root(0, Context::Create(true));

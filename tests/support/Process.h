@@ -15,11 +15,6 @@
 #include <string>
 #include <thread>
 
-/// ThreadSanitizer waits for a second at every exit otherwise.
-extern "C" [[gnu::used]] inline const char* __tsan_default_options() {
-    return "atexit_sleep_ms=0";
-}
-
 /// What tests need that are processes of their own.
 namespace Metrics::test {
 
