@@ -106,7 +106,8 @@ private:
 };
 
 /// The delivery thread's hold for reading: kept from one event to the next, which saves two locked
-/// instructions and two calls for each.
+/// instructions and two calls for each. A registration waits no longer for it than for a hold that
+/// ends with each event: for the consumer calls of the event that is being delivered.
 class ManagerState::DeliveryLock {
 public:
     explicit DeliveryLock(ManagerState& state) noexcept : m_state(state) {}

@@ -17,8 +17,6 @@
 
 namespace Metrics::test {
 
-using std::chrono::steady_clock;
-
 /// The two roads into the buffer: an event of the application's, and one that the library builds.
 static void Emit(std::uint64_t first, std::uint64_t second) {
     second % 3 == 0 ? static_cast<void>(Send(first, second)) : AttributeImpl(first, second, 0);
@@ -29,15 +27,14 @@ static std::atomic<bool> s_isHeld, s_isReleased;
 /// Holds its thread wherever it is, until it is released or 2 ms are over.
 static void Hold(int /*signal*/) {
     s_isHeld = true;
-    const auto end = steady_clock::now() + std::chrono::milliseconds(2);
-    while (!s_isReleased && steady_clock::now() < end)
+    const auto end = Clock::now() + std::chrono::milliseconds(2);
+    while (!s_isReleased && Clock::now() < end)
         std::this_thread::yield();
 }
 
 TEST(Delivery, LosesRepeatsAndReordersNothingInAThousandSwaps) {
     // Sequences of numbers: one for each emitter, one that all emit by turns, one for the flushes.
     constexpr std::size_t emitters = 8, byTurns = 8, flushes = 9;
-    const auto rounds = static_cast<std::size_t>(Repetitions(1000));
     std::array<std::uint64_t, 10> emitted{}, expected{};
     std::uint64_t outOfOrder = 0, timestamp = 0;
     std::atomic<std::uint64_t> begun{0}, delivered{0}, flushed{0};
@@ -66,7 +63,7 @@ TEST(Delivery, LosesRepeatsAndReordersNothingInAThousandSwaps) {
                     Emit(byTurns, emitted[byTurns]++);
                 }
             });
-        for (std::size_t round = 0; round < rounds; ++round) {
+        for (std::size_t round = 0; round < std::size_t(Repetitions(1000)); ++round) {
             s_isHeld = s_isReleased = false;
             pthread_kill(threads[round % emitters].native_handle(), SIGUSR1);
             while (!s_isHeld)

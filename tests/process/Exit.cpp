@@ -86,11 +86,10 @@ void ShutDown() {
 
 int main(int argc, char** argv) {
     static_cast<void>(&t_lateUser); // made before anything of the library's, so it goes after that
-    const auto exitFromAThread = [] { std::thread(std::exit, (GetBusy(), 0)).join(); };
     return RunCases(
         argc, argv,
         {{"return", GetBusy, 30, 300},
-         {"exit from a thread", exitFromAThread, 30, 300},
+         {"exit from a thread", [] { std::thread(std::exit, (GetBusy(), 0)).join(); }, 30, 300},
          {"shutdown", [] { GetBusy(), ShutDown(); }, 30, 300},
          {"synchronous and stuck", [] { GetStuck(true, false); }, 30, 5},
          {"asynchronous and stuck", [] { GetStuck(false, false); }, 30, 5},
