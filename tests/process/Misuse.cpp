@@ -53,13 +53,15 @@ void CallsBack(bool synchronous) {
     VERIFY(Poll([&] { return isDone.load(); }) && IsInert());
 }
 
-/// Registrations get their turn while eight threads deliver without a pause.
+/// Registrations get their turn while eight threads and the delivery thread call without a pause.
 void RegistersUnderLoad() {
     std::array<std::atomic<unsigned>, 8> emitted{};
     const Session session;
-    const auto listener = Consume(true, [](const MetricsEvent&) {
+    const auto spin = [](const MetricsEvent&) {
         for (const auto start = Clock::now(); SecondsSince(start) < 20e-6;) {}
-    });
+    };
+    const auto listener = Consume(true, spin);
+    VERIFY(Consume(false, spin)); // falls behind, so that its batches grow longer and longer
     std::vector<std::jthread> threads;
     for (auto& count : emitted)
         threads.emplace_back([&](const std::stop_token& isOver) {
