@@ -36,7 +36,8 @@ void Scope::OpenImpl(MetricsValue&& label, std::uint64_t /*bits*/) {
         if (IsOpen())
             EmitImpl(MetricsEventType::ScopeOpened, MetricsValue(m_label), MetricsValue());
     } catch (...) {
-        m_state = State::Closed;
+        m_label.~MetricsValue(); // no destructor follows when a constructor fails
+        m_state = State::New;
         throw;
     }
 }
