@@ -29,7 +29,9 @@ struct alignas(64) Emitter {
 /// which an idle library gives memory back.
 void Run(const char* name, std::chrono::seconds length, Clock::duration pause,
          Clock::duration delay) {
-    constexpr double enough = 8e9; // bytes; a larger backlog ends the emitting early
+    // Half of the machine's memory; a larger backlog ends the emitting early.
+    const double enough = 0.5 * static_cast<double>(sysconf(_SC_PHYS_PAGES)) *
+                          static_cast<double>(sysconf(_SC_PAGESIZE));
     const bench::Registered<bench::CountingConsumer> consumer(delay);
     std::array<Emitter, 2> emitters;
     std::array<std::thread, 2> threads;

@@ -13,7 +13,6 @@
 
 using namespace Metrics;
 
-// [snippet: consumer]
 class SlowScopes final : public IMetricsListener {
 public:
     void OnMetricsEvent(const MetricsEvent& event) override {
@@ -35,7 +34,6 @@ private:
     std::unordered_map<std::uint64_t, std::uint64_t> m_opened;          // when, by scope
     std::multimap<std::uint64_t, MetricsValue, std::greater<>> m_spans; // label, longest first
 };
-// [end]
 
 int main() {
     MetricsManager* const manager = MetricsManager::GetInstance();
@@ -45,7 +43,7 @@ int main() {
     manager->AddConsumer(slowScopes, MetricsBits::all, false);
     {
         Context context(0, Context::Create(true));
-        for (const std::size_t count : {1000UL, 1000000UL, 10UL, 100000UL}) {
+        for (const std::size_t count : {1000UL, 1000000UL, 100000UL}) {
             const Scope scope("sort " + std::to_string(count), MetricsBits::act);
             std::vector<unsigned> numbers(count);
             std::generate(numbers.begin(), numbers.end(), [n = 1U]() mutable { return n *= 9U; });

@@ -47,8 +47,19 @@ std::string Unquote(const std::string& field) {
     return text;
 }
 
-/// The first four fields are numbers. Of the values the first one may hold commas: it is a scope's
-/// label or an attribute's name.
+/// Whether this is a field in quotes, from the first to the last character.
+bool IsQuoted(const std::string& field) {
+    if (field.empty() || field.front() != '"')
+        return false;
+    std::size_t i = 1;
+    for (; i + 1 < field.size(); ++i)
+        if (field[i] == '"' && field[++i] != '"')
+            return false; // a single one would have been the end
+    return i + 1 == field.size() && field.back() == '"';
+}
+
+/// The first four fields are numbers. The values are parted by the last comma that is not inside of
+/// quotes: where both hold bare commas there is no telling.
 Line Parse(const std::string& text) {
     std::array<std::string, 4> numbers;
     std::size_t begin = 0;
@@ -59,7 +70,10 @@ Line Parse(const std::string& text) {
         number = text.substr(begin, comma - begin);
         begin = comma + 1;
     }
-    const std::size_t middle = std::max(text.rfind(','), begin);
+    std::size_t middle = text.rfind(',');
+    while (middle > begin && text.back() == '"' && !IsQuoted(text.substr(middle + 1)))
+        middle = text.rfind(',', middle - 1);
+    middle = std::max(middle, begin);
     return {std::stoull(numbers[0]), std::stoull(numbers[2]), std::stoul(numbers[3]),
             Unquote(text.substr(begin, middle - begin)),
             middle < text.size() ? Unquote(text.substr(middle + 1)) : std::string()};

@@ -35,7 +35,7 @@ void DeleteChunk(T* chunk) noexcept {
 } // namespace
 
 EventBuffer::~EventBuffer() {
-    Walk([](const MetricsEvent&, bool) {});
+    Walk([](const MetricsEvent&) { return true; }, [] {});
     Trim(0);
 }
 
@@ -69,6 +69,7 @@ EventBuffer::Chunk& EventBuffer::FindOrAllocate(std::size_t number) {
 }
 
 EventBuffer::ChunkPtr* EventBuffer::Find(std::size_t number) noexcept {
+    // Relaxed, here and in Trim: the walk waited for every append.
     const Place place = PlaceOf(number);
     ChunkPtr* const level = place.level == 0
                                 ? m_firstLevel.data()
@@ -77,6 +78,7 @@ EventBuffer::ChunkPtr* EventBuffer::Find(std::size_t number) noexcept {
 }
 
 void EventBuffer::AppendShutdown() noexcept {
+    // Relaxed, as in Claim: the end of the append section publishes both.
     const std::size_t index = m_size.fetch_add(1, std::memory_order_relaxed);
     std::size_t first = m_shutdown.load(std::memory_order_relaxed);
     while (index < first &&
@@ -116,6 +118,7 @@ std::size_t EventBuffer::Trim(std::size_t events) noexcept {
 }
 
 void EventBuffer::ReturnMemory() noexcept {
+    // For the whole process: a host that uses this allocator gets its unused memory returned, too.
 #ifndef METRICS_PLAIN_MALLOC
     scalable_allocation_command(TBBMALLOC_CLEAN_ALL_BUFFERS, nullptr);
 #endif

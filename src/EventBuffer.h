@@ -3,6 +3,7 @@
 
 #include <metrics/MetricsEvent.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <bit>
@@ -27,9 +28,8 @@ namespace Metrics::detail {
 ///                                   walked and emptied
 ///
 /// Invariants:
-/// 1. From the start to the end of the delivery, only its thread moves a buffer from state to
-/// state;
-///    at most one is filling.
+/// 1. From the start to the end of the delivery, only its thread moves a buffer from one state to
+///    another; at most one is filling.
 /// 2. A thread appends only inside its append section (ThreadTable), to the buffer that m_queue
 ///    named after it had entered. So once m_queue names another buffer and every section that was
 ///    entered before is left, no append into the old one is in progress, and none can begin.
@@ -85,11 +85,13 @@ public:
     /// The number of appends since the last walk, failed ones included.
     std::size_t Size() const noexcept { return m_size.load(std::memory_order_relaxed); }
 
-    /// Draining only: calls `deliver` with each event in order, up to Shutdown, and whether
-    /// somebody shares it, and empties the buffer. `deliver` does not throw. @return whether
-    /// Shutdown was reached.
-    template <class Deliver>
-    bool Walk(Deliver deliver);
+    /// Draining only: calls `deliver` with each event in order, up to Shutdown, and empties the
+    /// buffer. Events are freed a chunk at a time, after a call of `beforeFreeing`: code of the
+    /// application may run then. Neither function throws. When `deliver` returns false, the walk
+    /// ends at once and leaves all as it is.
+    /// @return whether Shutdown was reached.
+    template <class Deliver, class BeforeFreeing>
+    bool Walk(Deliver deliver, BeforeFreeing beforeFreeing);
 
     /// Draining or free only: gives memory back, so that room for about `events` is kept.
     /// @return the number of events for which there is no room any more.
@@ -160,7 +162,7 @@ private:
 
     static constexpr std::size_t noShutdown = std::numeric_limits<std::size_t>::max();
 
-    // Written by every appender.
+    // Written by every appender, and alone on its cache line.
     alignas(64) std::atomic<std::size_t> m_size{0};
 
     // Written when the buffer grows; read by every appender.
@@ -183,8 +185,8 @@ inline void EventBuffer::Clear(Slot& slot) noexcept {
     }
 }
 
-template <class Deliver>
-bool EventBuffer::Walk(Deliver deliver) {
+template <class Deliver, class BeforeFreeing>
+bool EventBuffer::Walk(Deliver deliver, BeforeFreeing beforeFreeing) {
     // Relaxed: every append has ended before (invariants 2 and 3).
     const std::size_t size = m_size.load(std::memory_order_relaxed);
     const std::size_t end = m_shutdown.load(std::memory_order_relaxed);
@@ -193,14 +195,17 @@ bool EventBuffer::Walk(Deliver deliver) {
         Chunk* const chunk = place == nullptr ? nullptr : place->load(std::memory_order_relaxed);
         if (chunk == nullptr)
             continue;
-        for (std::size_t i = 0; i < slotsPerChunk && first + i < size; ++i) {
-            Slot& slot = (*chunk)[i];
-            if (first + i < end && slot.content == Content::Event)
-                deliver(std::as_const(slot.event), false);
-            else if (first + i < end && slot.content == Content::Shared)
-                deliver(std::as_const(*slot.shared), true);
-            Clear(slot);
+        const std::size_t filled = std::min(slotsPerChunk, size - first);
+        for (std::size_t i = 0; i < filled && first + i < end; ++i) {
+            const Slot& slot = (*chunk)[i];
+            if (slot.content == Content::Nothing)
+                continue;
+            if (!deliver(slot.content == Content::Event ? slot.event : std::as_const(*slot.shared)))
+                return false;
         }
+        beforeFreeing();
+        for (std::size_t i = 0; i < filled; ++i)
+            Clear((*chunk)[i]);
     }
     m_size.store(0, std::memory_order_relaxed);
     m_shutdown.store(noShutdown, std::memory_order_relaxed);

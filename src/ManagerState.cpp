@@ -107,7 +107,8 @@ private:
 
 /// The delivery thread's hold for reading: kept from one event to the next, which saves two locked
 /// instructions and two calls for each. A registration waits no longer for it than for a hold that
-/// ends with each event: for the consumer calls of the event that is being delivered.
+/// ends with each event: for the consumer calls of the event that is being delivered. Nothing is
+/// freed under it.
 class ManagerState::DeliveryLock {
 public:
     explicit DeliveryLock(ManagerState& state) noexcept : m_state(state) {}
@@ -240,18 +241,15 @@ bool ManagerState::DeliverBatch(EventBuffer& filled, bool urgent) {
     const std::size_t before = filled.Capacity();
     const std::size_t events = filled.Size();
     DeliveryLock lock(*this);
-    const bool shutdown = filled.Walk([this, &lock](const MetricsEvent& event, bool isShared) {
-        if (InForkedChild())
-            return;
-        lock.Take();
-        DeliverTo(m_asyncSubscribers, event, [&event](IMetricsListener& listener) {
-            CallQuietly([&] { listener.OnMetricsEvent(event); });
-        });
-        // Code of the application may run when these are freed: not under a lock of ours.
-        if (isShared || event.param1.extra != nullptr || event.param2.extra != nullptr)
-            lock.Release();
-    });
-    lock.Release();
+    const bool shutdown = filled.Walk(
+        [this, &lock](const MetricsEvent& event) {
+            lock.Take();
+            DeliverTo(m_asyncSubscribers, event, [&event](IMetricsListener& listener) {
+                CallQuietly([&] { listener.OnMetricsEvent(event); });
+            });
+            return !InForkedChild(); // whose parent owns the buffer
+        },
+        [&lock] { lock.Release(); });
     if (InForkedChild())
         return false;
     // A buffer that has grown shrinks by and by, so that an uneven load does not allocate each
@@ -263,6 +261,8 @@ bool ManagerState::DeliverBatch(EventBuffer& filled, bool urgent) {
 
 void ManagerState::BackgroundThreadProc() {
     RunThreadInitFunction();
+    if (InForkedChild())
+        return;
     bool wasIdle = false;
     for (bool shutdown = false; !shutdown;) {
         m_wakeEvent.Reset();
@@ -294,6 +294,8 @@ void ManagerState::BackgroundThreadProc() {
     }
 
     ReleaseConsumers();
+    if (InForkedChild())
+        return;
     s_liveMask.m_bits.store(0, std::memory_order_relaxed);
     s_live.m_queue.store(nullptr, std::memory_order_seq_cst);
     EndFlushes();

@@ -97,7 +97,7 @@ void Context::AddAttribute(std::string const& name, std::string const& value) {
 }
 
 void Context::OpenScope() {
-    if (m_scopeOpened || !IsEnabled())
+    if (m_scopeOpened || !m_isOpen)
         return;
     m_scopeOpened = true;
     try {

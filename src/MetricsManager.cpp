@@ -240,6 +240,8 @@ bool ManagerState::DisableUntil(steady_clock::time_point& deadline) noexcept {
         event.unixSeconds = stamp.unixSeconds;
         event.unixMicroseconds = stamp.unixMicroseconds;
         DeliverShutdown(event, deadline);
+        if (InForkedChild()) // a consumer has forked, and this is the child
+            return false;
         const SectionGuard guard(s_live.m_threadContexts.ShutdownAppend());
         if (EventBuffer* const queue = s_live.m_queue.load(std::memory_order_seq_cst))
             queue->AppendShutdown();
@@ -264,7 +266,7 @@ bool ManagerState::DisableUntil(steady_clock::time_point& deadline) noexcept {
 
 void ManagerState::SetThreadInitFunction(std::function<void()>&& function) {
     const std::lock_guard lock(s_lifecycleLock);
-    if (!m_thread.IsStarted())
+    if (!s_disabling.load(std::memory_order_relaxed) && !m_thread.IsStarted())
         m_threadInitFunction.swap(function); // the old one is released by the caller
 }
 

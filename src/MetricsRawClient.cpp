@@ -9,7 +9,9 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 
 namespace Metrics {
@@ -55,21 +57,29 @@ public:
     }
 
     /// Afterwards nothing is written any more, also by a delivery thread that was given up. A write
-    /// that does not return (into a pipe, say) is not waited for: it is the last one, and the
-    /// destructor closes the file.
+    /// that does not return (into a pipe, say) is waited for a second long: it is the last one, and
+    /// the destructor closes the file.
     void Close() {
         m_closed.store(true, std::memory_order_seq_cst);
-        if (!detail::Section::IsInside(m_writing.Read()))
-            close(std::exchange(m_file, -1));
+        const std::uint32_t seen = m_writing.Read();
+        if (detail::Section::IsInside(seen)) {
+            const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+            while (m_writing.Read() == seen) {
+                if (std::chrono::steady_clock::now() >= deadline)
+                    return;
+                std::this_thread::sleep_for(std::chrono::microseconds(50));
+            }
+        }
+        close(std::exchange(m_file, -1));
     }
 
 private:
     void Write(std::string_view bytes) {
         while (!bytes.empty() && !m_failed && !m_closed.load(std::memory_order_relaxed)) {
             const ssize_t written = write(m_file, bytes.data(), bytes.size());
-            if (written >= 0)
+            if (written > 0)
                 bytes.remove_prefix(static_cast<std::size_t>(written));
-            else if (errno != EINTR)
+            else if (written == 0 || errno != EINTR)
                 m_failed = true;
         }
     }
@@ -128,7 +138,7 @@ bool MetricsRawClient::ProcessArgument(std::string const& argument) {
 }
 
 bool MetricsRawClient::Open() {
-    if (m_outputFileName.empty())
+    if (m_outputFileName.empty() || detail::InForkedChild())
         return false;
     Close();
     auto listener = korsys::MakeRefCnt<Listener>();

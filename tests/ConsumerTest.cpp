@@ -23,7 +23,7 @@ TEST(Consumer, IsCalledOnceForEachRegistrationInTheirOrder) {
     };
     const MetricsListenerPtr consumers[] = {named('a'), named('b')};
     EXPECT_FALSE(Manager().AddConsumer(consumers[0], everyBit, false)) << "not enabled";
-    Start();
+    EXPECT_FALSE(Start().AddConsumer(nullptr, everyBit, true));
     // Add asynchronously, Synchronously, or Remove; success; who is called then.
     const struct {
         const char* operation;
@@ -104,9 +104,15 @@ TEST(Consumer, ThatThrowsLosesTheEventAndNothingElse) {
     child.Open();
     passing = 0;
     EXPECT_THROW(context.Close(), int);
+    MetricsRawClient client;
+    EXPECT_THROW(Open(client, "/dev/null"), int);
+    passing = -1;
+    EXPECT_TRUE(Open(client, "/dev/null"));
+    passing = 0;
+    client.Close(); // does not throw
     EXPECT_EQ(Manager().GetCurrentThreadContext(), nullptr);
     EXPECT_TRUE(Manager().Disable());
-    EXPECT_EQ(delivered, 10) << "everything was announced once, and nothing that was lost";
+    EXPECT_EQ(delivered, 12) << "everything was announced once, and nothing that was lost";
 }
 
 } // namespace Metrics::test

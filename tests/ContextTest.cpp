@@ -43,6 +43,9 @@ static std::shared_ptr<std::ostringstream> Record() {
     return lines;
 }
 
+static_assert(!std::is_copy_constructible_v<UniqueMetricsContext> &&
+              !std::is_copy_constructible_v<Scope> && !std::is_move_constructible_v<Scope>);
+
 struct NeverBuilt {
     operator MetricsValue() const { throw std::logic_error("built though the gate is shut"); }
 };
@@ -56,6 +59,7 @@ TEST(Context, TellsItsLifeInOrder) {
         n.SetName("n");
         n.DetachFromThread();
         n.Emit("first", -1); // while the fresh q is current
+        n.SetName(nullptr);
         n.SetName("late");
         n.AttachToThread();
         Manager().ClearBits(MetricsBits::rpipe);
@@ -68,6 +72,8 @@ TEST(Context, TellsItsLifeInOrder) {
         Attribute("ratio", 2.5, MetricsBits::net);
         Attribute(NeverBuilt(), NeverBuilt(), MetricsBits::rpipe);
         n.AddAttribute("goes to", "q");
+        Scope plain;
+        plain.OpenImpl("plain", MetricsBits::act); // the bits are those of its making
         outer.Close();
         outer.Emit("late");
         inner.Close();
@@ -97,10 +103,12 @@ ScopeOpened s4 in 2: "inner", 0
 Custom s4 in 2: "bytes", 42
 Attribute 0 in 1: "ratio", 2.500000 &40000000
 Attribute 0 in 1: "goes to", "q"
+ScopeOpened s5 in 1: "plain", 0
 ScopeClosed s3 in 2: "outer", 0 &10000
 ScopeClosed s4 in 2: "inner", 0
 ScopeClosed s2 in 1: "n", 0
 Closed 2 in 1: 0, 2
+ScopeClosed s5 in 1: "plain", 0
 ScopeClosed s1 in 1: "q", 0
 Closed 1 in 0: 0, 1
 )");
@@ -113,8 +121,10 @@ TEST(Context, HandlesCarryChildrenToOtherThreads) {
     Context parent(0, Context::Create(true)); // 1
     EXPECT_EQ(UniqueMetricsContext(false).Open(), nullptr);
     UniqueMetricsContext first(true), unique(std::move(first)); // 2
-    const SharedMetricsContext shared(true), copy(shared);      // 3
+    SharedMetricsContext second(true);                          // 3
+    const SharedMetricsContext copy(second), shared(std::move(second));
     EXPECT_EQ(first.Open(), nullptr);
+    EXPECT_EQ(second.Open(), nullptr);
     const auto open = [](auto& handle, std::uint64_t id, std::uint64_t parentId) {
         std::jthread([&] {
             const auto child = handle.Open();

@@ -52,13 +52,20 @@ TEST(CsvLine, HasTheSameBytesInEveryLocale) {
     }
     for (const double number : numbers) // in the locale "C" still
         rows.emplace_back(number, std::to_string(number));
+    MetricsValue odd(true);
+    odd.integer = 0x100; // the boolean's own byte is 0
+    rows.emplace_back(odd, "false");
+    odd.integer = 2;
+    rows.emplace_back(odd, "true");
+    for (const int kind : {3, 4, -1}) { // a String without a text, and what is none at all
+        odd.kind = static_cast<MetricsValue::Kind>(kind);
+        rows.emplace_back(odd, "");
+    }
     std::locale::global(std::locale(std::locale::classic(), new ForeignNumbers));
     const std::string name = "de" + std::to_string(getpid()), path = testing::TempDir() + name;
     setenv("LOCPATH", testing::TempDir().c_str(), 1);
-    if (std::system(("localedef -i de_DE -f UTF-8 " + path + " 2>/dev/null").c_str()) != 0)
-        GTEST_LOG_(WARNING) << "no locale can be made for C, only for C++";
-    else
-        EXPECT_NE(std::setlocale(LC_ALL, name.c_str()), nullptr);
+    ASSERT_EQ(std::system(("localedef -i de_DE -f UTF-8 " + path).c_str()), 0) << "of locales";
+    EXPECT_NE(std::setlocale(LC_ALL, name.c_str()), nullptr);
     EXPECT_EQ(std::system(("rm -rf " + path).c_str()), 0);
     detail::CsvLine line;
     MetricsEvent event{MetricsEventType::Attribute, 5, 17, 6, 1234567890, 1463000000, 42, {}, {}};
@@ -118,15 +125,21 @@ TEST(RawClient, AdjustsTheMaskByItsArguments) {
 
 TEST(RawClient, WritesWhatHappensWhileItIsOpen) {
     MetricsRawClient client;
+    EXPECT_TRUE(client.ProcessArgument("-raw=x") && client.ProcessArgument("-raw="));
+    EXPECT_FALSE(client.Open()) << "without a name";
     std::ofstream(filePath) << "something old";
+    EXPECT_TRUE(Open(client, filePath)) << "not enabled"; // 1
+    client.Close();
+    EXPECT_EQ(Read(), header);
+    Manager().SetBitsAbsolute(0);
     client.SetOutputFileName(filePath + "/missing/file");
     Manager().Enable();
     EXPECT_THROW(client.Open(), std::runtime_error);
     EXPECT_EQ(Manager().SetBits(0), 0u);
     client.SetOutputFileName(filePath);
-    EXPECT_TRUE(client.Open()); // 1
     EXPECT_TRUE(client.Open()); // 2
-    EXPECT_TRUE(client.Open()); // 3, with the file truncated
+    EXPECT_TRUE(client.Open()); // 3
+    EXPECT_TRUE(client.Open()); // 4, with the file truncated
     Manager().GetCurrentThreadContext()->Emit("'a'", 1234.5);
     Scope("b\nc", MetricsBits::rpipe | MetricsBits::act).Emit(true, 1234567);
     Manager().SetBits(MetricsBits::highvol);
@@ -135,21 +148,21 @@ TEST(RawClient, WritesWhatHappensWhileItIsOpen) {
     Send(0);
     Flush();
     const std::string id = std::to_string(getpid());
-    EXPECT_EQ(Read(), header + "0,2,0,3\n0,3,0,3\n3,8,pid," + id + "\n3,8,tid," + id + R"(
-3,8,cid,3
-3,5,cxt,0
-3,7,a,1234.500000
-3,5,"b""c",0
-3,7,true,1234567
-3,6,"b""c",0
-3,8,highvol,passes
-3,6,cxt,0
-0,4,0,3
+    EXPECT_EQ(Read(), header + "0,2,0,4\n0,3,0,4\n4,8,pid," + id + "\n4,8,tid," + id + R"(
+4,8,cid,4
+4,5,cxt,0
+4,7,a,1234.500000
+4,5,"b""c",0
+4,7,true,1234567
+4,6,"b""c",0
+4,8,highvol,passes
+4,6,cxt,0
+0,4,0,4
 )");
-    EXPECT_TRUE(client.Open()); // 4
+    EXPECT_TRUE(client.Open()); // 5
     EXPECT_TRUE(Manager().Disable());
     client.Close();
-    EXPECT_EQ(Read(), header + "0,2,0,4\n0,3,0,4\n");
+    EXPECT_EQ(Read(), header + "0,2,0,5\n0,3,0,5\n");
     std::remove(filePath.c_str());
 }
 

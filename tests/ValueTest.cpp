@@ -11,6 +11,10 @@ namespace Metrics::test {
 using Kind = MetricsValue::Kind;
 using namespace MetricsBitsUtils;
 
+static_assert(!std::is_constructible_v<MetricsValue, int*> &&
+              !std::is_constructible_v<MetricsValue, const void*> &&
+              std::is_constructible_v<MetricsValue, char*>);
+
 TEST(Value, HasTheKindAndTheBitsOfItsArgument) {
     const auto is = [](const MetricsValue& value, Kind kind, std::uint64_t bits) {
         const bool isNumber = value.text == nullptr && value.extra == nullptr;

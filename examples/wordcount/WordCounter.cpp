@@ -68,14 +68,12 @@ private:
     bool m_lineShown = false;
 };
 
-// [snippet: context-handle]
 /// One file to count. Its context is announced here, on the main thread, and opened by the worker
 /// that takes the file: the time between the two is how long the file had to wait.
 struct Job {
     fs::path file;
     Metrics::UniqueMetricsContext context{true};
 };
-// [end]
 
 void FindFiles(const fs::path& path, bool isNamed, std::vector<Job>& jobs, Progress& progress) {
     std::error_code error;
@@ -134,7 +132,6 @@ Totals Count(std::string_view text) {
     return totals;
 }
 
-// [snippet: context-per-file]
 /// Runs on a worker thread.
 Totals CountFile(Job& job, Progress& progress) {
     const std::unique_ptr<Metrics::Context> context = job.context.Open();
@@ -152,15 +149,12 @@ Totals CountFile(Job& job, Progress& progress) {
         return {};
     }
 } // the context closes, on the thread that opened it
-// [end]
 
 } // namespace
 
 Totals CountWords(const std::vector<fs::path>& paths) {
-    // [snippet: context-run]
     Metrics::Context run(0, Metrics::Context::Create(true));
     run.SetName("wordcount");
-    // [end]
 
     Progress progress;
     std::vector<Job> jobs;

@@ -30,8 +30,9 @@ namespace Metrics {
 /// thread, Close and the destructor detach it from the calling thread only: detach it from any
 /// other thread there, before it is destroyed.
 ///
-/// Thread-safety: one thread at a time for each object; IsEnabled, GetContextId and
-/// GetParentContextId are safe from any thread at any time.
+/// Thread-safety: one thread at a time for each object; IsEnabled, GetContextId,
+/// GetParentContextId, AttachToThread, DetachFromThread and AddAttribute are safe from any thread
+/// at any time, before it is destroyed.
 class METRICS_EXPORT Context {
 public:
     /// Draws and announces an id: a root's when `root`, else that of a child of the calling

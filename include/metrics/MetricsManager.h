@@ -22,6 +22,8 @@ struct alignas(64) LiveMask {
     std::atomic<std::uint64_t> m_bits{0};
 };
 
+static_assert(sizeof(LiveMask) == 64, "nothing else on its cache line");
+
 extern METRICS_EXPORT LiveMask s_liveMask;
 
 /// TestBits(eventBits, mask), in the caller's own code.
@@ -47,14 +49,14 @@ inline bool PassesLiveMask(std::uint64_t eventBits) noexcept {
 /// when the event has no category (bits 12 to 63 all clear), else when the two share one.
 ///
 /// Thread-safety: safe from any thread at any time.
-/// Cost: two instructions; takes no lock and allocates nothing.
+/// Cost: one call and a few instructions; takes no lock and allocates nothing.
 METRICS_EXPORT bool TestBits(std::uint64_t eventBits, std::uint64_t consumerBits) noexcept;
 
 /// Whether the process records events of category mask `eventBits` at all: false while the
 /// manager's mask is 0, else the same test against that mask.
 ///
 /// Thread-safety: safe from any thread at any time.
-/// Cost: one relaxed load and a test; takes no lock and allocates nothing.
+/// Cost: one call, a relaxed load and a test; takes no lock and allocates nothing.
 METRICS_EXPORT bool TestBits(std::uint64_t eventBits) noexcept;
 
 /// The contexts attached to one thread, oldest first; the last is the thread's current context.

@@ -59,7 +59,8 @@ public:
     /// Creates or truncates the file, writes the header, adjusts the manager's mask, registers the
     /// listener, and opens a root context that becomes the calling thread's current context. The
     /// host enables the manager before: otherwise the file gets its header only. An open client is
-    /// closed first. @return false, changing nothing, when no file name is set.
+    /// closed first. @return false, changing nothing, when no file name is set, and in a child
+    /// forked after Enable.
     ///
     /// Cost: takes locks; allocates; opens a file.
     /// @throws std::runtime_error "failed to open file"; std::bad_alloc; what a synchronous
@@ -67,8 +68,9 @@ public:
     bool Open();
 
     /// Closes the root context, waits up to 5000 ms until everything queued so far is in the file,
-    /// ends the registration and closes the file. Nothing is written to the file afterwards. The
-    /// manager's mask stays as it is. Does nothing when closed.
+    /// ends the registration and closes the file. Nothing is written to the file afterwards, but by
+    /// a write that has not returned within a second more. The manager's mask stays as it is. Does
+    /// nothing when closed.
     ///
     /// Cost: blocks until the flush ends; takes locks.
     void Close() noexcept;

@@ -5,7 +5,8 @@
 
 namespace korsys {
 
-/// Throws a std::logic_error whose text is `text`, followed by the file and the line in brackets.
+/// Throws a std::logic_error whose text is `text`. File and line are for whoever looks at the stack
+/// in a debugger.
 ///
 /// Thread-safety: safe from any thread at any time.
 /// Cost: takes no lock; allocates.

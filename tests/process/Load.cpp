@@ -115,7 +115,7 @@ void ClosesAfterDisable(bool isStuck) {
 
 /// A full disk costs the lines and nothing else; a text of any length is one line.
 void IsFullOrHasALongLine() {
-    const std::string longText(std::size_t(Repetitions(64 << 20)), 'x');
+    const std::string longText(std::size_t(Repetitions(64)) << 20, 'x');
     const Session session;
     MetricsRawClient full;
     MetricsRawClient client;
