@@ -114,6 +114,18 @@ int main() {
 
     const bool isBounded = RunBursts(*gate.operator->(), context);
 
+    // A text is allocated by its event, and its characters once more where they do not fit in.
+    constexpr int texts = 10'000;
+    s_mallocCalls = s_tbbCalls = 0;
+    for (int i = 0; i < texts; ++i)
+        context.Emit("a short text", i);
+    PrintPerEvent("short_text_allocations", s_mallocCalls + s_tbbCalls, texts);
+    s_mallocCalls = s_tbbCalls = 0;
+    for (int i = 0; i < texts; ++i)
+        context.Emit("a text that is too long to be stored inside of a string", i);
+    PrintPerEvent("long_text_allocations", s_mallocCalls + s_tbbCalls, texts);
+    bench::Flush();
+
     // Bursts that come while the one before is delivered, with the buffers as large as they get.
     for (int i = 0; i < 3; ++i)
         EmitBurst(context);

@@ -115,6 +115,8 @@ def memory_list(m, instructions):
         f"- {m['bytes']:.0f} bytes of resident memory for each queued event.",
         f"- {m['growing_malloc'] + m['growing_tbb']:.4f} allocations for each event while the "
         f"buffer grows, {m['steady_malloc'] + m['steady_tbb']:.5f} in a steady flow of bursts.",
+        f"- {m['short_text_allocations']:.3f} allocations for an event with a text of up to 15 bytes, "
+        f"{m['long_text_allocations']:.3f} with a longer one.",
         f"- {m['growing_ns']:.0f} ns for each event while the buffer grows, most of it the "
         "kernel's first touch of each page.",
         f"- After a burst of a million events was delivered, {m['left_at_last']:.1%} of its memory "

@@ -100,7 +100,10 @@ public:
     std::shared_ptr<korsys::TEvent> RequestFlush();
 
     /// Whether no delivery thread exists that could still use this object.
-    bool IsIdle() const noexcept { return !m_running.load(std::memory_order_acquire); }
+    bool IsIdle() const noexcept {
+        // Acquire: pairs with the release of whoever has joined the thread.
+        return !m_running.load(std::memory_order_acquire);
+    }
 
 private:
     struct Subscriber {
@@ -142,9 +145,9 @@ private:
     std::function<void()> m_threadInitFunction;
     std::atomic<bool> m_running{false};
 
-    korsys::TEvent m_stopEvent{false}; // signalled by the delivery thread as its last act
-    korsys::TEvent m_wakeEvent{false}; // cuts a pause of the delivery thread short
-    std::atomic<bool> m_stopRequested{false};
+    korsys::TEvent m_stopEvent{false};        // signalled by the delivery thread as its last act
+    korsys::TEvent m_wakeEvent{false};        // cuts a pause of the delivery thread short
+    std::atomic<bool> m_stopRequested{false}; // relaxed: m_wakeEvent publishes it
 
     // Guarded by m_flushLock. The event is made by the first waiter, and taken by the delivery
     // thread before it looks at the buffer: so whoever holds it sees all that was queued before.

@@ -42,6 +42,7 @@ constinit std::atomic<bool> s_freeing{false};   // somebody has claimed the inst
 constinit std::atomic<ManagerState*> s_abandoned{nullptr}; // kept for a thread that never ended
 constinit std::atomic<bool> s_started{false};   // a delivery thread was started, or was to be
 constinit bool s_forkHandlerRegistered = false; // written at load, then under s_lifecycleLock
+// Written and read by the thread that ends the process or unloads the library.
 constinit std::atomic<bool> s_unloading{false};
 constinit std::atomic<bool> s_exiting{false};
 
@@ -68,9 +69,9 @@ struct MetricsManagerHolder {
     s_unloading = true;
 }
 
-/// The child's threads but the one that forked are gone. When the library was started, so is the
-/// delivery: everything is off, and what they may have held is left as it is. Otherwise the child
-/// may start it.
+/// All relaxed: the child's threads but the one that forked are gone. When the library was started,
+/// so is the delivery: everything is off, and what they may have held is left as it is. Otherwise
+/// the child may start it.
 void ContinueInChild() {
     if (!s_started.load(std::memory_order_relaxed)) {
         s_live.m_threadContexts.AdoptInChild();
@@ -208,8 +209,8 @@ void ManagerState::Enable() {
         return;
     RegisterForkHandler();
     if (!s_forkHandlerRegistered)
-        throw std::bad_alloc(); // the only reason for it to fail
-    s_started.store(true, std::memory_order_relaxed);
+        throw std::bad_alloc();                       // the only reason for it to fail
+    s_started.store(true, std::memory_order_relaxed); // a fork copies what this thread has written
     // Accepting from here on: what is emitted before the thread has run is delivered too.
     s_live.m_queue.store(m_buffers.data(), std::memory_order_seq_cst);
     s_live.m_enabled.store(true, std::memory_order_relaxed);
@@ -224,7 +225,7 @@ void ManagerState::Enable() {
 }
 
 bool ManagerState::DisableUntil(steady_clock::time_point& deadline) noexcept {
-    if (s_disabling.exchange(true))
+    if (s_disabling.exchange(true)) // one caller gets through; the lock below orders the rest
         return false;
     // Waits for an Enable in progress; a later one does nothing.
     bool isStarted = false;
@@ -246,6 +247,7 @@ bool ManagerState::DisableUntil(steady_clock::time_point& deadline) noexcept {
         if (EventBuffer* const queue = s_live.m_queue.load(std::memory_order_seq_cst))
             queue->AppendShutdown();
     }
+    // Behind the Shutdown: an event that is refused for it was emitted after that.
     s_live.s_metricsManagerDisabled.store(true, std::memory_order_seq_cst);
     if (!isStarted) {
         s_live.m_enabled.store(false, std::memory_order_relaxed);
@@ -256,6 +258,7 @@ bool ManagerState::DisableUntil(steady_clock::time_point& deadline) noexcept {
     m_stopRequested.store(true, std::memory_order_relaxed);
     m_wakeEvent.Signal();
     if (m_stopEvent.WaitUntil(deadline) && m_thread.JoinUntil(deadline)) {
+        // Release: whoever sees this may free what the thread has used.
         m_running.store(false, std::memory_order_release);
         return true;
     }
@@ -291,7 +294,8 @@ void MetricsManager::ShutdownAndFreeInstance() noexcept {
         if (instance == nullptr || s_freeing.exchange(true))
             return;
     }
-    // From here on only this thread frees the instance.
+    // From here on only this thread frees the instance. It clears the pointer before it looks at
+    // the sections, sequentially consistent: see Instance.
     steady_clock::time_point deadline = steady_clock::now() + stopWait;
     instance->DisableUntil(deadline);
     s_live.m_instance.store(nullptr, std::memory_order_seq_cst);

@@ -48,14 +48,13 @@ TEST(Delivery, LosesRepeatsAndReordersNothingInAThousandSwaps) {
         ++delivered;
     });
     std::signal(SIGUSR1, Hold);
-    std::atomic<bool> done{false};
     std::mutex turn;
     {
         std::vector<std::jthread> threads;
         for (std::size_t emitter = 0; emitter < emitters; ++emitter)
-            threads.emplace_back([&, emitter] {
-                while (!done) {
-                    while (begun - delivered > 5000 && !done)
+            threads.emplace_back([&, emitter](const std::stop_token& done) {
+                while (!done.stop_requested()) {
+                    while (begun - delivered > 5000)
                         std::this_thread::yield();
                     begun += 2;
                     Emit(emitter, emitted[emitter]++);
@@ -74,7 +73,6 @@ TEST(Delivery, LosesRepeatsAndReordersNothingInAThousandSwaps) {
             EXPECT_EQ(flushed, emitted[flushes]) << "the flush ended before the delivery";
             s_isReleased = true;
         }
-        done = true;
     }
     EXPECT_TRUE(Manager().Disable());
     EXPECT_EQ(outOfOrder, 0u);

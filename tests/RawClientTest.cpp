@@ -52,14 +52,10 @@ TEST(CsvLine, HasTheSameBytesInEveryLocale) {
     }
     for (const double number : numbers) // in the locale "C" still
         rows.emplace_back(number, std::to_string(number));
-    MetricsValue odd(true);
-    odd.integer = 0x100; // the boolean's own byte is 0
-    rows.emplace_back(odd, "false");
-    odd.integer = 2;
-    rows.emplace_back(odd, "true");
-    for (const int kind : {3, 4, -1}) { // a String without a text, and what is none at all
+    MetricsValue odd(256); // as a Boolean, which is its first byte; as a String; as nothing
+    for (const auto& [kind, field] : {std::pair(1, "false"), {3, ""}, {4, ""}, {-1, ""}}) {
         odd.kind = static_cast<MetricsValue::Kind>(kind);
-        rows.emplace_back(odd, "");
+        rows.emplace_back(odd, field);
     }
     std::locale::global(std::locale(std::locale::classic(), new ForeignNumbers));
     const std::string name = "de" + std::to_string(getpid()), path = testing::TempDir() + name;

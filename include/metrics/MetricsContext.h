@@ -24,6 +24,10 @@ namespace Metrics {
 /// the scopes and attributes of that thread belong to it. On first use it opens a scope of its own,
 /// labelled with its name, and records the attributes 'pid', 'tid' and 'cid'.
 ///
+///     Context request(0, Context::Create(true)); // a root
+///     request.SetName("request");
+///     request.Emit("bytes", 4096);
+///
 /// A context with id 0 is disabled: it accepts every call and emits nothing.
 ///
 /// The stacks of threads hold plain pointers. The constructor attaches the context to the calling
@@ -145,7 +149,12 @@ private:
 };
 
 /// One pending child of the context that is current where the handle is made. It is announced
-/// there, and opened by whichever thread calls Open.
+/// there, and opened by whichever thread calls Open:
+///
+///     pool.Post([child = UniqueMetricsContext(true)]() mutable {
+///         const auto context = child.Open(); // current on this thread, until it goes
+///         Work();
+///     });
 ///
 /// Neither copied, since its id opens one context, nor thread-safe: it is made on one thread and
 /// handed to another. Moved from, it is inert.
@@ -183,6 +192,13 @@ private:
 /// One open context, shared by all copies of the handle, that is no thread's current context: it
 /// serves as the parent of the children that Open makes, any number of them on any threads. It is
 /// closed when the last copy goes. Moved from, a handle is inert.
+///
+///     const SharedMetricsContext parts(true);
+///     for (Part& part : allParts)
+///         pool.Post([parts, &part] {
+///             const auto context = parts.Open();
+///             Work(part);
+///         });
 ///
 /// Thread-safety: one thread at a time for each handle; Open is safe from any thread at any time.
 class METRICS_EXPORT SharedMetricsContext {

@@ -80,8 +80,10 @@ public:
     MetricsValue(std::string&& value);
 
     /// Shares the text.
+    /// Cost: one atomic increment for a text, as with the assignment; allocates nothing.
     MetricsValue(const MetricsValue&) noexcept = default;
     /// Takes the text over.
+    /// Cost: a few stores, as with the assignment; allocates nothing.
     MetricsValue(MetricsValue&&) noexcept = default;
     /// Shares the text.
     MetricsValue& operator=(const MetricsValue&) noexcept = default;

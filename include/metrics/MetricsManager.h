@@ -183,6 +183,10 @@ public:
     /// Registers a consumer for events that pass `bits`, called on the emitting threads when
     /// `synchronous`, else on the delivery thread. A listener may be registered several times, and
     /// is then called once for each. The manager holds a reference until the registration ends.
+    ///
+    ///     const auto consumer = korsys::MakeRefCnt<MyConsumer>();
+    ///     manager.AddConsumer(consumer, MetricsBits::net, false);
+    ///
     /// @return false, registering nothing, for a null listener, before Enable, when the library is
     ///         off, and from inside OnMetricsEvent.
     ///

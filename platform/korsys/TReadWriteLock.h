@@ -23,11 +23,16 @@ public:
     TReadWriteLock(const TReadWriteLock&) = delete;
     TReadWriteLock& operator=(const TReadWriteLock&) = delete;
 
-    void Lock() noexcept;        ///< Waits until nobody reads or writes.
-    void Unlock() noexcept;      ///< Ends what Lock began.
-    void LockRead() noexcept;    ///< Waits until nobody writes or waits to write.
-    bool TryLockRead() noexcept; ///< Like LockRead, but returns false instead of waiting.
-    void UnlockRead() noexcept;  ///< Ends what LockRead or TryLockRead began.
+    /// Takes the lock for writing: waits until nobody reads or writes.
+    void Lock() noexcept;
+    /// Ends what Lock began, on the same thread.
+    void Unlock() noexcept;
+    /// Takes the lock for reading: waits until nobody writes or waits to write.
+    void LockRead() noexcept;
+    /// Like LockRead, but does not wait. @return false when it would have had to.
+    bool TryLockRead() noexcept;
+    /// Ends what LockRead or TryLockRead began, on the same thread.
+    void UnlockRead() noexcept;
 
 private:
     pthread_rwlock_t m_lock;

@@ -15,7 +15,7 @@ namespace {
 int BeInert(MetricsRawClient& client) {
     Send("of the child");
     client.Close();
-    return IsInert() ? 0 : 2;
+    return client.Open() || !IsInert() ? 2 : 0;
 }
 
 /// Forks while other threads emit, register, flush and write lines. Afterwards the file must hold
@@ -69,7 +69,6 @@ void UnderLoad() {
 /// Forks inside of a consumer call: the child returns from it, in the emitter's or the delivery
 /// thread, and ends.
 void InsideAConsumer(bool synchronous) {
-    const TemporaryFile file;
     static std::atomic<pid_t> child{-1};
     static std::atomic<int> delivered{0};
     MetricsRawClient client;
@@ -81,20 +80,17 @@ void InsideAConsumer(bool synchronous) {
             child = fork();
         ++delivered;
     });
-    VERIFY(Open(client, file.path));
     for (int i = 0; i < Repetitions(50); ++i) {
         child = -1;
         delivered = 0;
         for (int n = 0; n < 100; ++n)
-            Send(n, "line", MetricsBits::act);
+            Send(n);
         if (synchronous && child == 0)
             std::exit(BeInert(client));
         VERIFY(Poll([] { return delivered == 100; }));
         int status = 0;
         VERIFY(waitpid(child, &status, 0) == child && status == 0);
     }
-    client.Close();
-    VERIFY(int(Count(ReadFile(file.path), ",line\n")) == 100 * Repetitions(50));
 }
 
 } // namespace

@@ -31,7 +31,6 @@ struct Plugin {
 const std::vector<std::string> s_files{PLUGINS};
 
 bool LibraryIsGone() {
-    // The kernel may list an ended thread for a moment longer.
     return !IsMapped("libmetrics.") && Poll([] { return ThreadsNamed("metrics") == 0; });
 }
 
