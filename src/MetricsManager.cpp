@@ -7,7 +7,6 @@
 #include <dlfcn.h>
 #include <pthread.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <mutex>
 #include <new>
@@ -412,32 +411,6 @@ void MetricsManager::WaitUntilWritesFlushed(unsigned int milliseconds) {
 }
 
 // Thread contexts ------------------------------------------------------------------------------
-
-MetricsThreadContext::MetricsThreadContext() noexcept = default;
-MetricsThreadContext::~MetricsThreadContext() = default;
-
-void MetricsThreadContext::ReserveOne() {
-    if (m_contexts.size() == m_contexts.capacity())
-        m_contexts.reserve(std::max<std::size_t>(4, m_contexts.size() * 2));
-}
-
-void MetricsThreadContext::AttachContext(Context* context) {
-    m_contexts.push_back(context);
-}
-
-void MetricsThreadContext::DetachContext(Context* context) noexcept {
-    m_contexts.erase(std::remove(m_contexts.begin(), m_contexts.end(), context), m_contexts.end());
-}
-
-std::uint64_t MetricsThreadContext::GetMetricsContextId() const noexcept {
-    const Context* const current = GetCurrentContext();
-    return current == nullptr ? 0 : current->GetContextId();
-}
-
-std::uint64_t MetricsThreadContext::GetParentMetricsContextId() const noexcept {
-    const Context* const current = GetCurrentContext();
-    return current == nullptr ? 0 : current->GetParentContextId();
-}
 
 std::shared_ptr<MetricsThreadContext> MetricsManager::GetThreadContext() {
     if (IsOff())

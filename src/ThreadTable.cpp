@@ -1,5 +1,8 @@
 #include "ThreadTable.h"
 
+#include <metrics/MetricsContext.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <sys/syscall.h>
@@ -124,3 +127,33 @@ void ThreadTable::FreeRecords() noexcept {
 }
 
 } // namespace Metrics::detail
+
+namespace Metrics {
+
+MetricsThreadContext::MetricsThreadContext() noexcept = default;
+MetricsThreadContext::~MetricsThreadContext() = default;
+
+void MetricsThreadContext::ReserveOne() {
+    if (m_contexts.size() == m_contexts.capacity())
+        m_contexts.reserve(std::max<std::size_t>(4, m_contexts.size() * 2));
+}
+
+void MetricsThreadContext::AttachContext(Context* context) {
+    m_contexts.push_back(context);
+}
+
+void MetricsThreadContext::DetachContext(Context* context) noexcept {
+    m_contexts.erase(std::remove(m_contexts.begin(), m_contexts.end(), context), m_contexts.end());
+}
+
+std::uint64_t MetricsThreadContext::GetMetricsContextId() const noexcept {
+    const Context* const current = GetCurrentContext();
+    return current == nullptr ? 0 : current->GetContextId();
+}
+
+std::uint64_t MetricsThreadContext::GetParentMetricsContextId() const noexcept {
+    const Context* const current = GetCurrentContext();
+    return current == nullptr ? 0 : current->GetParentContextId();
+}
+
+} // namespace Metrics
