@@ -77,9 +77,12 @@ TEST(Context, TellsItsLifeInOrder) {
         outer.Close();
         outer.Emit("late");
         inner.Close();
-        n.Close();
-        n.Close();
-        n.Emit("late");
+        Context never(1, 9);
+        for (Context* const context : {&never, &n}) {
+            context->Close();
+            context->Close();
+            context->Emit("late");
+        }
         EXPECT_EQ(Manager().GetCurrentThreadContext(), &q);
     })
         .join();
@@ -106,6 +109,8 @@ Attribute 0 in 1: "goes to", "q"
 ScopeOpened s5 in 1: "plain", 0
 ScopeClosed s3 in 2: "outer", 0 &10000
 ScopeClosed s4 in 2: "inner", 0
+Opened 9 in 1: 0, 9
+Closed 9 in 1: 0, 9
 ScopeClosed s2 in 1: "n", 0
 Closed 2 in 1: 0, 2
 ScopeClosed s5 in 1: "plain", 0

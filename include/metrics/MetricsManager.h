@@ -66,7 +66,9 @@ METRICS_EXPORT bool TestBits(std::uint64_t eventBits) noexcept;
 /// calling thread.
 class METRICS_EXPORT MetricsThreadContext {
 public:
+    /// An empty stack; allocates nothing.
     MetricsThreadContext() noexcept;
+    /// Lets the contexts be: it does not own them.
     ~MetricsThreadContext();
     MetricsThreadContext(const MetricsThreadContext&) = delete;
     MetricsThreadContext& operator=(const MetricsThreadContext&) = delete;
@@ -81,10 +83,11 @@ public:
     void DetachContext(Context* context) noexcept;
 
     /// The id of the top context; 0 for none.
-    /// Cost: a few loads, as for the two below; takes no lock and allocates nothing.
+    /// Cost: a few loads; takes no lock and allocates nothing.
     std::uint64_t GetMetricsContextId() const noexcept;
 
     /// The parent id of the top context; 0 for none.
+    /// Cost: a few loads; takes no lock and allocates nothing.
     std::uint64_t GetParentMetricsContextId() const noexcept;
 
     /// The top context; null for none.
