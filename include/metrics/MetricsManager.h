@@ -74,11 +74,14 @@ public:
     MetricsThreadContext& operator=(const MetricsThreadContext&) = delete;
 
     /// Puts the context on top, however often it stands there already.
-    /// Cost: allocates when the stack grows deeper than ever before.
+    ///
+    /// Cost: takes no lock; allocates when the stack grows deeper than ever before.
     /// @throws std::bad_alloc
     void AttachContext(Context* context);
 
-    /// Removes every occurrence of the context; the others keep their order.
+    /// Removes every occurrence of the context; the others keep their order. Does nothing when it
+    /// is not there.
+    ///
     /// Cost: a pass over the stack; takes no lock and allocates nothing.
     void DetachContext(Context* context) noexcept;
 

@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <sstream>
 #include <string>
 #include <thread>
 
@@ -51,8 +52,9 @@ bool Poll(Condition condition, std::chrono::seconds atMost = std::chrono::second
 }
 
 inline std::string ReadFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+    std::ostringstream text; // does not throw when a thread whose file it is has ended
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
 }
 
 /// A file of this process alone, in the working directory; removed in the end.
