@@ -70,11 +70,6 @@ inline std::size_t Count(const std::string& text, const std::string& part) {
     return count;
 }
 
-inline long ResidentKilobytes() {
-    const std::string status = ReadFile("/proc/self/status");
-    return std::atol(status.c_str() + status.find("VmRSS:") + 6);
-}
-
 /// Whether a file with this in its path is mapped into this process.
 inline bool IsMapped(const std::string& name) {
     return ReadFile("/proc/self/maps").find(name) != std::string::npos;
