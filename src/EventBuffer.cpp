@@ -58,7 +58,7 @@ EventBuffer::Chunk& EventBuffer::FindOrAllocate(std::size_t number) {
     }
     Chunk* chunk = level[place.offset].load(std::memory_order_acquire);
     if (chunk == nullptr) {
-        Chunk* const made = NewChunk<Chunk>();
+        auto* const made = NewChunk<Chunk>();
         // As above, for the emptied slots.
         if (level[place.offset].compare_exchange_strong(chunk, made, std::memory_order_acq_rel))
             chunk = made;

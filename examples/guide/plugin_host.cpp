@@ -28,7 +28,7 @@ int main(int argc, char** argv) {
     for (int i = 0; i < 2 && argc > 1; ++i) {
         void* const plugin = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);
         if (plugin == nullptr) {
-            std::fprintf(stderr, "%s\n", dlerror());
+            std::fprintf(stderr, "cannot load %s\n", argv[1]);
             return 1;
         }
         if (Find<bool (*)()>(plugin, "PluginStart")()) {

@@ -26,21 +26,26 @@ static_assert(sizeof(LiveMask) == 64, "nothing else on its cache line");
 
 extern METRICS_EXPORT LiveMask s_liveMask;
 
+/// The condition, which the compiler takes for false.
+inline bool Unlikely(bool condition) noexcept {
+    return __builtin_expect(static_cast<long>(condition), 0) != 0;
+}
+
 /// TestBits(eventBits, mask), in the caller's own code.
 inline bool PassesMask(std::uint64_t eventBits, std::uint64_t mask) noexcept {
     constexpr std::uint64_t categories = ~std::uint64_t{0xFFF};
     return (eventBits & categories) == 0 || (eventBits & categories & mask) != 0;
 }
 
-/// TestBits(eventBits), in the caller's own code. The compiler takes it for false: what is recorded
-/// costs much more than a jump, what is not must cost nothing.
+/// TestBits(eventBits), in the caller's own code. What is recorded costs much more than a jump,
+/// what is not must cost nothing.
 inline bool PassesLiveMask(std::uint64_t eventBits) noexcept {
     // Relaxed: the mask guards nothing. A call that races with a change may go either way.
     const std::uint64_t mask = s_liveMask.m_bits.load(std::memory_order_relaxed);
     // The shared category first: then a constant category costs one test.
     constexpr std::uint64_t categories = ~std::uint64_t{0xFFF};
-    return __builtin_expect(
-        (eventBits & mask & categories) != 0 || (mask != 0 && (eventBits & categories) == 0), 0);
+    return Unlikely((eventBits & mask & categories) != 0 ||
+                    (mask != 0 && (eventBits & categories) == 0));
 }
 
 } // namespace detail

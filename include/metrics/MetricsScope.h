@@ -50,7 +50,7 @@ public:
     /// Closes the scope. What a synchronous consumer throws is dropped here.
     /// Cost: one test when it is closed, else that of Close.
     ~Scope() {
-        if (__builtin_expect(m_state != State::New, 0))
+        if (detail::Unlikely(m_state != State::New))
             Finish();
     }
 
