@@ -61,18 +61,18 @@ void GetBusy() {
     VERIFY(Poll([] { return s_inside >= 8; }));
 }
 
-/// A consumer never returns, and maybe a registration waits for it: a second covers all of that.
+/// A consumer does not return, and maybe a registration waits for it: a second covers all of that,
+/// and whoever is late finds everything as it was.
 void GetStuck(bool synchronous, bool isRegistering) {
     static std::atomic<pid_t> stuck{0}, registering{0};
+    static std::atomic<bool> hasLeft{false};
     Start();
     Consume(true, [](const MetricsEvent&) {});
     VERIFY(Consume(synchronous, [](const MetricsEvent& event) {
-        while (event.eventType != MetricsEventType::Shutdown) {
+        for (; event.eventType != MetricsEventType::Shutdown && !s_isEnding; usleep(1000))
             stuck = gettid();
-            pause();
-        }
     }));
-    std::thread([] { UseEverything("stuck"); }).detach();
+    std::thread([] { UseEverything("stuck"), hasLeft = true; }).detach();
     VERIFY(Poll([] { return stuck != 0 && IsAsleep(stuck); }));
     if (isRegistering) {
         std::thread([] {
@@ -85,6 +85,8 @@ void GetStuck(bool synchronous, bool isRegistering) {
     MetricsManager::ShutdownAndFreeInstance();
     const double seconds = SecondsSince(start);
     VERIFY(seconds > 0.95 && seconds < 5 && IsInert());
+    s_isEnding = true;
+    VERIFY(Poll([] { return hasLeft && ThreadsNamed("metrics") == 0; }));
 }
 
 void ShutDown() {
