@@ -47,7 +47,7 @@ expect 1 "$programs/wordcount" tree/a.txt missing.txt
 says "cannot read 'missing.txt'" '1 files, 1 lines, 3 words'
 # A file that cannot be recorded to is reported; a full disk costs the lines and nothing else.
 mkdir folder
-for file in missing/out.csv folder /sys/new.csv "$(printf 'x%.0s' {1..5000})"; do
+for file in missing/out.csv folder /proc/new.csv "$(printf 'x%.0s' {1..5000})"; do
     expect 1 "$programs/wordcount" -raw="$file" tree
     [[ $said == 'wordcount: cannot record: failed to open file' ]] || fail "$file: $said"
 done
