@@ -56,12 +56,15 @@ void CallsBack(bool synchronous) {
 /// Registrations get their turn while eight threads and the delivery thread call without a pause.
 void RegistersUnderLoad() {
     std::array<std::atomic<unsigned>, 8> emitted{};
+    std::atomic<unsigned> begun{0};
     const Session session;
-    const auto spin = [](const MetricsEvent&) {
-        for (const auto start = Clock::now(); SecondsSince(start) < 20e-6;) {}
-    };
-    const auto listener = Consume(true, spin);
-    VERIFY(Consume(false, spin)); // falls behind, so that its batches grow longer and longer
+    // A call lasts until another has begun: only a thread that queues keeps new ones out.
+    const auto listener = Consume(true, [&begun](const MetricsEvent&) {
+        const unsigned before = ++begun;
+        for (const auto start = Clock::now(); begun == before && SecondsSince(start) < 5e-3;)
+            std::this_thread::yield();
+    });
+    VERIFY(Consume(false, [](const MetricsEvent&) { usleep(1000); })); // falls far behind
     std::vector<std::jthread> threads;
     for (auto& count : emitted)
         threads.emplace_back([&](const std::stop_token& isOver) {
