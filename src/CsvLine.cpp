@@ -15,7 +15,7 @@ constexpr std::size_t usualSize = 65536;
 constexpr std::size_t numberSize = 320;
 
 // Three numbers of 20 digits, one of 6 and one of 11, and what separates them.
-constexpr std::size_t headSize = 3 * 20 + 6 + 11 + 5;
+constexpr std::size_t headSize = 3 * 20 + 6 + 11 + 7;
 
 // What follows writes behind `out`, where there is room enough, and returns the end. Between two
 // system calls the processor knows nothing of this code any more: few branches and few calls count
@@ -40,8 +40,8 @@ char* PutDouble(char* out, double number) {
     const std::uint64_t mantissa = (bits & ((1ULL << mantissaBits) - 1)) | 1ULL << mantissaBits;
     // The value is mantissa / 2^scale.
     const int scale = 1023 + mantissaBits - static_cast<int>(bits >> mantissaBits & 0x7FF);
-    if (scale < 1 ||
-        scale > 63) // whole, not finite, or tiny: the usual ones save a third of a line
+    // Whole, not finite, or tiny. For the usual ones the rest measured 4 % of a line cheaper.
+    if (scale < 1 || scale > 63)
         return PutNumber(out, number, std::chars_format::fixed, 6);
 
     __extension__ using Wide = unsigned __int128;
