@@ -6,9 +6,11 @@
 #include <metrics/MetricsBitsUtils.h>
 #include <metrics/MetricsContext.h>
 #include <metrics/MetricsEvent.h>
+#include <metrics/MetricsFilter.h>
 #include <metrics/MetricsManager.h>
 #include <metrics/MetricsRawClient.h>
 #include <metrics/MetricsScope.h>
+#include <metrics/MetricsThreadContext.h>
 #include <metrics/MetricsTimer.h>
 #include <metrics/MetricsVersion.h>
 

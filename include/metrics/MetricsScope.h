@@ -3,7 +3,7 @@
 
 #include <metrics/MetricsEvent.h>
 #include <metrics/MetricsExport.h>
-#include <metrics/MetricsManager.h>
+#include <metrics/MetricsFilter.h>
 
 #include <cstdint>
 #include <type_traits>
