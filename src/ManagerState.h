@@ -1,9 +1,9 @@
 #ifndef METRICS_SRC_MANAGER_STATE_H
 #define METRICS_SRC_MANAGER_STATE_H
 
-#include "DeliveryThread.h"
 #include "EventBuffer.h"
 #include "ThreadTable.h"
+#include "TimedThread.h"
 
 #include <metrics/MetricsManager.h>
 
@@ -141,7 +141,7 @@ private:
     std::size_t m_trimmed = 0; // delivery thread: events whose room went back to the allocator
 
     // Guarded by s_lifecycleLock until the thread runs.
-    DeliveryThread m_thread;
+    TimedThread m_thread;
     std::function<void()> m_threadInitFunction;
     std::atomic<bool> m_running{false};
 

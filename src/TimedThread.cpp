@@ -1,4 +1,4 @@
-#include "DeliveryThread.h"
+#include "TimedThread.h"
 
 #include <cerrno>
 #include <csignal>
@@ -7,7 +7,7 @@
 
 namespace Metrics::detail {
 
-void DeliveryThread::Start(void (*run)(void*), void* argument) {
+void TimedThread::Start(void (*run)(void*), void* argument) {
     m_run = run;
     m_argument = argument;
 
@@ -22,7 +22,7 @@ void DeliveryThread::Start(void (*run)(void*), void* argument) {
         &m_thread, nullptr,
         [](void* self) -> void* {
             pthread_setname_np(pthread_self(), "metrics");
-            const auto* const thread = static_cast<DeliveryThread*>(self);
+            const auto* const thread = static_cast<TimedThread*>(self);
             thread->m_run(thread->m_argument);
             return nullptr;
         },
@@ -33,7 +33,7 @@ void DeliveryThread::Start(void (*run)(void*), void* argument) {
     m_started = true;
 }
 
-bool DeliveryThread::JoinUntil(std::chrono::steady_clock::time_point deadline) noexcept {
+bool TimedThread::JoinUntil(std::chrono::steady_clock::time_point deadline) noexcept {
     // The thread has signalled its end before, so that a few looks do; pthread_clockjoin_np would
     // wait as well, but ThreadSanitizer does not know it.
     int result = 0;
@@ -44,7 +44,7 @@ bool DeliveryThread::JoinUntil(std::chrono::steady_clock::time_point deadline) n
     return !m_started;
 }
 
-void DeliveryThread::Detach() noexcept {
+void TimedThread::Detach() noexcept {
     pthread_detach(m_thread);
     m_started = false;
 }
