@@ -9,8 +9,10 @@ install(TARGETS metrics EXPORT MetricsTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development)
 install(DIRECTORY include/metrics DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development
     FILES_MATCHING PATTERN *.h)
+# Without what only the library's own sources include.
 install(DIRECTORY platform/korsys DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development
-    FILES_MATCHING PATTERN *.h)
+    FILES_MATCHING PATTERN *.h
+    PATTERN Mutex.h EXCLUDE PATTERN NoCancellation.h EXCLUDE PATTERN ThreadAnnotations.h EXCLUDE)
 
 install(EXPORT MetricsTargets NAMESPACE Metrics:: DESTINATION ${package_dir} COMPONENT development)
 configure_package_config_file(cmake/MetricsConfig.cmake.in MetricsConfig.cmake
