@@ -1,7 +1,7 @@
 #include "CsvLine.h"
-#include "ManagerState.h"
+#include "Delivery.h"
+#include "Lifecycle.h"
 #include "OutputFile.h"
-#include "Waits.h"
 #include "WriterDoor.h"
 
 #include <metrics/MetricsBitsUtils.h>
@@ -177,7 +177,8 @@ bool MetricsRawClient::EndListener(steady_clock::time_point deadline) noexcept {
         return false;
     bool isRemoved = false;
     try {
-        isRemoved = detail::RemoveConsumerUntil(m_listener.Get(), deadline);
+        isRemoved = detail::RemoveConsumerUntil(m_listener.Get(), deadline) !=
+                    detail::Consumers::Removed::StillCalled;
     } catch (const std::bad_alloc&) {
         // No memory to reach the manager with: the listener stays registered, without a file.
     }

@@ -17,9 +17,15 @@ void TimedThread::Start(void (*run)(void*), void* argument) {
     sigfillset(&blocked);
     for (const int synchronous : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT})
         sigdelset(&blocked, synchronous);
+    // The ordinary policy, whatever the starting thread has: a consumer is no work for real time,
+    // and one that shares a processor with a thread of higher priority may never get its turn.
+    pthread_attr_t attributes; // none of these calls can fail, pthread_attr_init(3)
+    pthread_attr_init(&attributes);
+    pthread_attr_setinheritsched(&attributes, PTHREAD_EXPLICIT_SCHED);
+    pthread_attr_setschedpolicy(&attributes, SCHED_OTHER);
     pthread_sigmask(SIG_SETMASK, &blocked, &before);
     const int error = pthread_create(
-        &m_thread, nullptr,
+        &m_thread, &attributes,
         [](void* self) -> void* {
             pthread_setname_np(pthread_self(), "metrics");
             const auto* const thread = static_cast<TimedThread*>(self);
@@ -28,6 +34,7 @@ void TimedThread::Start(void (*run)(void*), void* argument) {
         },
         this);
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    pthread_attr_destroy(&attributes);
     if (error != 0)
         throw std::system_error(error, std::generic_category());
     m_started = true;

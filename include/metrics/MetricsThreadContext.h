@@ -4,14 +4,18 @@
 #include <metrics/MetricsExport.h>
 
 #include <cstdint>
-#include <vector>
 
 namespace Metrics {
 
 class Context;
 
-/// The contexts attached to one thread, oldest first; the last is the thread's current context.
-/// The pointers do not own: a context is detached before it is destroyed.
+namespace detail {
+struct ContextState;
+}
+
+/// The contexts attached to one thread, oldest first; the last is the thread's current context. It
+/// does not own them: one that is destroyed while it stands here, on whichever thread, is passed
+/// over from then on.
 ///
 /// Thread-safety: one thread at a time for each object; the library touches only the stack of the
 /// calling thread.
@@ -19,7 +23,7 @@ class METRICS_EXPORT MetricsThreadContext {
 public:
     /// An empty stack; allocates nothing.
     MetricsThreadContext() noexcept;
-    /// Lets the contexts be: it does not own them.
+    /// The contexts stay as they are.
     ~MetricsThreadContext();
     MetricsThreadContext(const MetricsThreadContext&) = delete;
     MetricsThreadContext& operator=(const MetricsThreadContext&) = delete;
@@ -44,16 +48,20 @@ public:
     /// Cost: a few loads; takes no lock and allocates nothing.
     std::uint64_t GetParentMetricsContextId() const noexcept;
 
-    /// The top context; null for none.
-    Context* GetCurrentContext() const noexcept {
-        return m_contexts.empty() ? nullptr : m_contexts.back();
-    }
+    /// The top context; null for none. Another thread may destroy it at any time.
+    /// Cost: a few loads; takes no lock and allocates nothing.
+    Context* GetCurrentContext() const noexcept;
 
 private:
     friend class Context;
+    friend detail::ContextState* CurrentStateOf(MetricsThreadContext& stack) noexcept;
     void ReserveOne();
+    detail::ContextState* SkipDestroyed() noexcept;
 
-    std::vector<Context*> m_contexts;
+    // No container, whose layout depends on how the application is compiled.
+    detail::ContextState** m_entries = nullptr; // each with a reference; null was attached as null
+    std::uint32_t m_size = 0;
+    std::uint32_t m_capacity = 0;
 };
 
 } // namespace Metrics
