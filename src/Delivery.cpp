@@ -81,8 +81,9 @@ void Flushes::End() {
 }
 
 bool FlushUntil(Deadline deadline) {
+    s_life.NoticeFork();
     Delivery* const delivery = FindDelivery();
-    if (delivery == nullptr || t_thread.isDeliveryThread || IsInsideCall())
+    if (delivery == nullptr || !s_life.Accepts() || t_thread.isDeliveryThread || IsInsideCall())
         return false;
     const std::uint64_t request = delivery->GetFlushes().Request();
     if (request == 0)

@@ -85,6 +85,8 @@ void Lifecycle::MakeInstance() noexcept {
 
 void Lifecycle::Enable() {
     NoticeFork();
+    if (IsOff()) // a forked child must not touch the lock
+        return;
     const korsys::MutexLock lock(m_lock);
     if (m_phase > Phase::Enabled || m_end != End::NotBegun)
         return;
@@ -94,7 +96,8 @@ void Lifecycle::Enable() {
     RegisterForkHandler(); // again, if there was no memory at load
     if (!m_hasForkHandler)
         throw std::bad_alloc(); // the only reason for it to fail
-    s_stampClock.Measure();
+    if (m_phase == Phase::Idle)
+        s_stampClock.Measure();
     // Accepting from here on: what is emitted before the thread has run is delivered too.
     m_phase = Phase::Enabled;
     delivery.Start();
@@ -102,6 +105,8 @@ void Lifecycle::Enable() {
 
 void Lifecycle::SetThreadInitFunction(std::function<void()>&& function) {
     NoticeFork();
+    if (IsOff())
+        return;
     const korsys::MutexLock lock(m_lock);
     if (m_phase <= Phase::Enabled && m_end == End::NotBegun && !MakeDelivery().IsStarted())
         MakeDelivery().SetInitFunction(function); // the old one is released by the caller
@@ -192,9 +197,11 @@ void Lifecycle::SwitchOff() noexcept {
 
 void Lifecycle::ExitOrUnload() noexcept {
     ShutDown();
+    if (IsForkedChild())
+        return;
     // At exit other threads may still come by, and the memory goes with the process.
     const korsys::MutexLock lock(m_lock);
-    if (m_hasExitHandler && !m_isExiting && !m_isStuck && !IsForkedChild()) {
+    if (m_hasExitHandler && !m_isExiting && !m_isStuck) {
         s_threads.FreeRecords();
         s_chunks.Unmap();
     }
