@@ -145,7 +145,7 @@ std::string_view CsvLine::Render(const MetricsEvent& event) {
 
 void CsvLine::Shrink() noexcept {
     if (m_line.size() > usualSize) [[unlikely]]
-        m_line = std::string();
+        std::string().swap(m_line); // an assignment would keep the memory
 }
 
 } // namespace Metrics::detail

@@ -1,17 +1,16 @@
 #include "CsvLine.h"
 #include "ManagerState.h"
+#include "OutputFile.h"
+#include "Waits.h"
+#include "WriterDoor.h"
 
 #include <metrics/MetricsBitsUtils.h>
 #include <metrics/MetricsRawClient.h>
 
-#include <fcntl.h>
-#include <unistd.h>
+#include <korsys/NoCancellation.h>
 
-#include <atomic>
-#include <cerrno>
-#include <chrono>
+#include <new>
 #include <stdexcept>
-#include <thread>
 #include <utility>
 
 namespace Metrics {
@@ -20,77 +19,53 @@ namespace {
 
 constexpr std::uint64_t defaultRawClientBits = MetricsBits::all & ~MetricsBits::rpipe;
 constexpr std::uint64_t rawClientListenerBits = ~std::uint64_t{0xFFF};
-constexpr unsigned int flushWait = 5000; // ms
+constexpr unsigned int closeWait = 5000; // ms
+
+using std::chrono::steady_clock;
+
+steady_clock::time_point DeadlineIn(unsigned int milliseconds) {
+    return steady_clock::now() + std::chrono::milliseconds(milliseconds);
+}
 
 } // namespace
 
-/// The output file. Every line is one write(2): nothing waits in a buffer of ours that a forked
-/// child could write a second time, or that would be lost when the process is killed.
+/// The file, and the thread that writes it meeting the one that closes it.
 class MetricsRawClient::Listener::Stream {
 public:
-    /// Creates or truncates the file, see open(2). Not inherited by programs that the host starts.
-    explicit Stream(const std::string& fileName) {
-        do
-            m_file = open(fileName.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-        while (m_file < 0 && errno == EINTR);
-    }
+    explicit Stream(const std::string& fileName) : m_file(fileName) {}
 
-    ~Stream() {
-        if (m_file >= 0)
-            close(m_file);
-    }
-
-    Stream(const Stream&) = delete;
-    Stream& operator=(const Stream&) = delete;
-
-    bool IsOpen() const { return m_file >= 0; }
-
-    void WriteHeader() { Write(detail::csvHeader); }
+    bool IsOpen() const { return m_file.IsOpen(); }
+    bool HasFailed() const { return m_file.HasFailed(); }
+    MetricsFileError GetFirstError() const { return m_file.GetFirstError(); }
+    void WriteHeader() { m_file.WriteOnHostThread(detail::csvHeader); }
 
     void WriteEvent(const MetricsEvent& event) {
-        const detail::SectionGuard writing(m_writing);
-        // Sequentially consistent: see Section::Enter. Close sees the mark, or is seen here.
-        if (m_closed.load(std::memory_order_seq_cst) || m_failed)
+        if (!m_door.Enter())
             return;
-        Write(m_line.Render(event));
+        const Leaving leaving{*this};
+        m_file.Write(m_line.Render(event));
         m_line.Shrink();
     }
 
-    /// Afterwards nothing is written any more, also by a delivery thread that was given up. A write
-    /// that does not return (into a pipe, say) is waited for a second long: it is the last one, and
-    /// the destructor closes the file.
-    void Close() {
-        m_closed.store(true, std::memory_order_seq_cst);
-        const std::uint32_t seen = m_writing.Read();
-        if (detail::Section::IsInside(seen)) {
-            const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
-            while (m_writing.Read() == seen) {
-                if (std::chrono::steady_clock::now() >= deadline)
-                    return;
-                std::this_thread::sleep_for(std::chrono::microseconds(50));
-            }
-        }
-        close(std::exchange(m_file, -1));
+    /// Afterwards nothing is written any more, also by a delivery thread that was given up: a write
+    /// that does not return is the last one, and the file is closed behind it.
+    /// @return false when one was in progress at the deadline.
+    bool CloseUntil(std::chrono::steady_clock::time_point deadline) {
+        m_file.Stop();
+        return m_door.CloseUntil(deadline, [this] { m_file.Close(); });
     }
 
 private:
-    void Write(std::string_view bytes) {
-        while (!bytes.empty() && !m_failed && !m_closed.load(std::memory_order_relaxed)) {
-            const ssize_t written = write(m_file, bytes.data(), bytes.size());
-            if (written > 0)
-                bytes.remove_prefix(static_cast<std::size_t>(written));
-            else if (written == 0 || errno != EINTR)
-                m_failed = true;
+    struct Leaving {
+        Stream& stream;
+        ~Leaving() {
+            stream.m_door.Leave([this] { stream.m_file.Close(); });
         }
-    }
+    };
 
-    int m_file = -1;
-    std::atomic<bool> m_closed{false};
-
-    // The writing thread's; Close reads the mark.
-    detail::Section m_writing;
-    bool m_failed = false;
-    detail::CsvLine m_line;
+    detail::WriterDoor m_door;
+    detail::OutputFile m_file;
+    detail::CsvLine m_line; // the writing thread's
 };
 
 MetricsRawClient::Listener::Listener() noexcept = default;
@@ -143,18 +118,19 @@ bool MetricsRawClient::Open() {
     Close();
     auto listener = korsys::MakeRefCnt<Listener>();
     listener->m_stream = std::make_unique<Listener::Stream>(m_outputFileName);
-    if (!listener->m_stream->IsOpen())
-        throw std::runtime_error("failed to open file");
-    listener->m_stream->WriteHeader();
-    AdjustFilterBits();
     m_listener = std::move(listener);
+    Listener::Stream& stream = *m_listener->m_stream;
+    if (!stream.IsOpen())
+        throw std::runtime_error("failed to open file");
+    stream.WriteHeader();
+    AdjustFilterBits();
     try {
         // When the manager is not enabled nothing is registered, and the file keeps its header
         // only.
         MetricsManager::GetInstance()->AddConsumer(m_listener, rawClientListenerBits, false);
         m_context = std::make_unique<Context>(0, Context::Create(true));
     } catch (...) {
-        ReleaseListener();
+        EndListener(DeadlineIn(closeWait));
         throw;
     }
     m_isOpen = true;
@@ -176,30 +152,41 @@ void MetricsRawClient::AdjustFilterBits() {
     }
 }
 
-void MetricsRawClient::Close() noexcept {
-    if (!m_isOpen)
-        return;
-    m_isOpen = false;
+bool MetricsRawClient::Close(unsigned int milliseconds) noexcept {
+    if (!std::exchange(m_isOpen, false))
+        return true;
+    const korsys::NoCancellation guard;
+    const steady_clock::time_point deadline = DeadlineIn(milliseconds);
     m_context.reset();
+    bool isFlushed = false;
     try {
-        MetricsManager::GetInstance()->WaitUntilWritesFlushed(flushWait);
-    } catch (...) {
+        isFlushed = !detail::InForkedChild() && detail::FlushUntil(deadline);
+    } catch (const std::bad_alloc&) {
         // No memory to wait with: what is queued is not in the file.
     }
-    ReleaseListener();
+    return EndListener(deadline) && isFlushed;
 }
 
-void MetricsRawClient::ReleaseListener() noexcept {
+void MetricsRawClient::Close() noexcept {
+    Close(closeWait);
+}
+
+bool MetricsRawClient::EndListener(steady_clock::time_point deadline) noexcept {
     // In a forked child the file is the parent's, and its lock may be in nobody's hands.
-    if (!detail::InForkedChild()) {
-        try {
-            MetricsManager::GetInstance()->RemoveConsumer(m_listener);
-        } catch (...) {
-            // No memory to reach the manager with: the listener stays registered, without a file.
-        }
-        m_listener->m_stream->Close();
+    if (detail::InForkedChild())
+        return false;
+    bool isRemoved = false;
+    try {
+        isRemoved = detail::RemoveConsumerUntil(m_listener.Get(), deadline);
+    } catch (const std::bad_alloc&) {
+        // No memory to reach the manager with: the listener stays registered, without a file.
     }
-    m_listener = nullptr;
+    return m_listener->m_stream->CloseUntil(deadline) && isRemoved &&
+           !m_listener->m_stream->HasFailed();
+}
+
+MetricsFileError MetricsRawClient::GetFirstError() const {
+    return m_listener ? m_listener->m_stream->GetFirstError() : MetricsFileError{};
 }
 
 } // namespace Metrics

@@ -11,8 +11,62 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 
 namespace Metrics {
+
+class MetricsValue;
+
+namespace detail {
+
+template <class T>
+using Plain = std::remove_cv_t<std::remove_reference_t<T>>;
+
+/// Whether a parameter takes the argument by value. A bit-field cannot be bound to a reference.
+template <class T>
+inline constexpr bool isScalar = std::is_arithmetic_v<Plain<T>> || std::is_enum_v<Plain<T>>;
+
+/// Whether it is a class that is neither a value nor a text already.
+template <class T>
+using IsForeignClass = std::conjunction<std::is_class<Plain<T>>,
+                                        std::negation<std::is_base_of<MetricsValue, Plain<T>>>,
+                                        std::negation<std::is_convertible<T, std::string_view>>,
+                                        std::negation<std::is_convertible<T, std::string>>,
+                                        std::negation<std::is_convertible<T, const char*>>>;
+
+/// Overloads of which a call with an object of a class chooses that of its conversion.
+struct ScalarProbe {
+    static bool Of(bool);
+    static char Of(char);
+    static signed char Of(signed char);
+    static unsigned char Of(unsigned char);
+    static wchar_t Of(wchar_t);
+    static char16_t Of(char16_t);
+    static char32_t Of(char32_t);
+#ifdef __cpp_char8_t
+    static char8_t Of(char8_t);
+#endif
+    static short Of(short);
+    static unsigned short Of(unsigned short);
+    static int Of(int);
+    static unsigned int Of(unsigned int);
+    static long Of(long);
+    static unsigned long Of(unsigned long);
+    static long long Of(long long);
+    static unsigned long long Of(unsigned long long);
+    static float Of(float);
+    static double Of(double);
+    static void Of(long double);
+    static void Of(const volatile void*); // which would fit bool as well
+};
+
+/// The number or the flag that a class converts to by itself. None when there is a choice, and for
+/// pointers: in braces one to a function, such as that of a lambda, does not become a flag.
+template <class T, class Scalar = decltype(ScalarProbe::Of(std::declval<T>())),
+          class = decltype(Scalar{std::declval<T>()})>
+using ScalarOf = Scalar;
+
+} // namespace detail
 
 /// A small tagged value: an integer, a boolean, a double or a text. Every event carries two.
 ///
@@ -65,6 +119,24 @@ public:
               std::enable_if_t<std::is_same_v<T, double> || std::is_same_v<T, float>, int> = 0,
               class = void, class = void>
     MetricsValue(T value) noexcept : kind(Kind::Double), number(static_cast<double>(value)) {}
+
+    /// Not from long double, which would lose digits: say what it is to be, `double(value)`.
+    template <class T, std::enable_if_t<std::is_same_v<T, long double>, int> = 0, class = void,
+              class = void, class = void>
+    MetricsValue(T value) = delete;
+
+    /// From an enumeration that converts to its integers by itself: as they would be.
+    template <class T,
+              std::enable_if_t<std::is_enum_v<T> && std::is_convertible_v<T, long double>, int> = 0,
+              class = void, class = void, class = void, class = void>
+    MetricsValue(T value) noexcept : MetricsValue(static_cast<std::underlying_type_t<T>>(value)) {}
+
+    /// From an object that converts by itself to one of the above, such as std::atomic<int>, an
+    /// element of std::vector<bool>, or a class with `operator int`.
+    /// @throws what the conversion throws.
+    template <class T, std::enable_if_t<detail::IsForeignClass<T>::value, int> = 0,
+              class Scalar = detail::ScalarOf<T>>
+    MetricsValue(T&& value) : MetricsValue(static_cast<Scalar>(std::forward<T>(value))) {}
 
     /// From a text, which is copied; null is the empty text.
     /// @throws std::bad_alloc

@@ -4,7 +4,9 @@
 #include <metrics/MetricsContext.h>
 #include <metrics/MetricsEvent.h>
 #include <metrics/MetricsExport.h>
+#include <metrics/MetricsFileError.h>
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -56,28 +58,53 @@ public:
     /// @throws std::bad_alloc
     bool ProcessArgument(std::string const& argument);
 
-    /// Creates or truncates the file, writes the header, adjusts the manager's mask, registers the
+    /// Creates the file or empties it, writes the header, adjusts the manager's mask, registers the
     /// listener, and opens a root context that becomes the calling thread's current context. The
     /// host enables the manager before: otherwise the file gets its header only. An open client is
     /// closed first. @return false, changing nothing, when no file name is set, and in a child
     /// forked after Enable.
     ///
-    /// Cost: takes locks; allocates; opens a file.
-    /// @throws std::runtime_error "failed to open file"; std::bad_alloc; what a synchronous
-    ///         consumer throws. The client is closed then, with nothing registered.
+    /// A file that the process's own standard output or error goes to is not emptied: the lines
+    /// are written between those of the host. Other writers of the same file lose nothing, since
+    /// every line is put at its end.
+    ///
+    /// Cost: takes locks; allocates; opens a file. Raises no signal when the header cannot be
+    /// written: that is a failure like any later one, see GetFirstError.
+    /// @throws std::runtime_error "failed to open file", of which GetFirstError knows the reason;
+    ///         std::bad_alloc; what a synchronous consumer throws. The client is closed then, with
+    ///         nothing registered.
     bool Open();
 
-    /// Closes the root context, waits up to 5000 ms until everything queued so far is in the file,
-    /// ends the registration and closes the file. Nothing is written to the file afterwards, but by
-    /// a write that has not returned within a second more. The manager's mask stays as it is. Does
-    /// nothing when closed.
+    /// Closes the root context, waits until everything that was queued by then is in the file, ends
+    /// the registration and closes the file; gives up waiting after `milliseconds` of the steady
+    /// clock in all. Nothing is written to the file afterwards, but by a write(2) that was in
+    /// progress then (into a pipe that nobody reads, say): it is the last one. The manager's mask
+    /// stays as it is.
     ///
-    /// Cost: blocks until the flush ends; takes locks.
+    /// From inside OnMetricsEvent it waits for nothing: what is queued does not reach the file.
+    ///
+    /// @return true when every event that was queued before the call and passed is in the file, and
+    ///         every write succeeded. false when time was up or a write failed (GetFirstError says
+    ///         which), from inside OnMetricsEvent, and when the manager is not enabled or off,
+    ///         since then nobody can tell. A closed client has nothing left to do: true.
+    ///
+    /// Cost: blocks, for `milliseconds` at most; takes locks; allocates. Not a cancellation point.
+    bool Close(unsigned int milliseconds) noexcept;
+
+    /// The same with 5000 milliseconds, and nobody is told: what a consumer that is slow or stuck
+    /// has not let through by then is not in the file.
     void Close() noexcept;
+
+    /// What went wrong first with the file since the last Open: with opening it, with a write, with
+    /// closing it. Stays until the next Open. After the first error every later event is dropped.
+    ///
+    /// Cost: copies the path when there is an error; takes no lock.
+    /// @throws std::bad_alloc
+    MetricsFileError GetFirstError() const;
 
 private:
     void AdjustFilterBits();
-    void ReleaseListener() noexcept;
+    bool EndListener(std::chrono::steady_clock::time_point deadline) noexcept;
 
     bool m_isOpen = false;
     std::unique_ptr<Context> m_context;
@@ -85,14 +112,14 @@ private:
     std::uint64_t m_setBits = 0;
     std::uint64_t m_clearBits = 0;
     bool m_setBitsAbsolute = false;
-    korsys::RefCntPtr<Listener> m_listener;
+    korsys::RefCntPtr<Listener> m_listener; // of the last Open; it knows the first error
 };
 
 /// The writing half of the raw client: writes each event that it is given as one line, in one
 /// write. Only MetricsRawClient::Open makes one, with its file.
 ///
-/// Write failures are not reported: after the first, every later line is dropped until the client
-/// is opened again.
+/// After the first write that fails every later line is dropped until the client is opened again;
+/// MetricsRawClient::GetFirstError tells.
 ///
 /// Thread-safety: one thread at a time for each object.
 class METRICS_EXPORT MetricsRawClient::Listener final : public IMetricsListener {

@@ -1,0 +1,130 @@
+#include "OutputFile.h"
+
+#include <korsys/NoCancellation.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <ctime>
+#include <utility>
+
+namespace Metrics::detail {
+
+namespace {
+
+/// Keeps the signals by which the system tells of a failed write from the calling thread, and takes
+/// away those that a write has caused. One that was pending before stays so.
+class NoWriteSignals {
+public:
+    NoWriteSignals() noexcept {
+        sigemptyset(&m_signals);
+        sigaddset(&m_signals, SIGPIPE);
+        sigaddset(&m_signals, SIGXFSZ);
+        sigpending(&m_pendingBefore);
+        pthread_sigmask(SIG_BLOCK, &m_signals, &m_maskBefore);
+    }
+    ~NoWriteSignals() { pthread_sigmask(SIG_SETMASK, &m_maskBefore, nullptr); }
+    NoWriteSignals(const NoWriteSignals&) = delete;
+    NoWriteSignals& operator=(const NoWriteSignals&) = delete;
+
+    /// The system sends the signal to the thread that writes, before the write returns.
+    void TakeAway(int signal) noexcept {
+        if (sigismember(&m_pendingBefore, signal) != 0)
+            return;
+        sigset_t caused;
+        sigemptyset(&caused);
+        sigaddset(&caused, signal);
+        const timespec atOnce{};
+        while (sigtimedwait(&caused, nullptr, &atOnce) < 0 && errno == EINTR)
+            ;
+    }
+
+private:
+    sigset_t m_signals{};
+    sigset_t m_pendingBefore{};
+    sigset_t m_maskBefore{};
+};
+
+/// The standard output or error that the file is, open for writing; -1 when it is neither.
+int StandardStream(const struct stat& file) noexcept {
+    for (const int stream : {STDOUT_FILENO, STDERR_FILENO}) {
+        struct stat other {};
+        const int flags = fcntl(stream, F_GETFL);
+        if (flags >= 0 && (flags & O_ACCMODE) != O_RDONLY && fstat(stream, &other) == 0 &&
+            other.st_dev == file.st_dev && other.st_ino == file.st_ino)
+            return stream;
+    }
+    return -1;
+}
+
+} // namespace
+
+OutputFile::OutputFile(std::string path) : m_path(std::move(path)) {
+    const korsys::NoCancellation guard;
+    Open();
+}
+
+OutputFile::~OutputFile() {
+    Close();
+}
+
+void OutputFile::Open() {
+    do
+        m_file = open(m_path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+    while (m_file < 0 && errno == EINTR);
+    struct stat file {};
+    if (m_file < 0 || fstat(m_file, &file) != 0) {
+        Fail(errno);
+        return;
+    }
+    if (!S_ISREG(file.st_mode))
+        return;
+    const int stream = StandardStream(file);
+    if (stream >= 0 ? dup3(stream, m_file, O_CLOEXEC) < 0 : ftruncate(m_file, 0) != 0) {
+        Fail(errno);
+        Close();
+    }
+}
+
+void OutputFile::Fail(int error) noexcept {
+    int none = 0;
+    m_error.compare_exchange_strong(none, error, std::memory_order_relaxed);
+}
+
+void OutputFile::Write(std::string_view bytes) noexcept {
+    while (!bytes.empty() && !HasFailed() && !m_stopped.load(std::memory_order_relaxed)) {
+        const ssize_t written = write(m_file, bytes.data(), bytes.size());
+        if (written > 0)
+            bytes.remove_prefix(static_cast<std::size_t>(written));
+        else if (written == 0 || errno != EINTR)
+            Fail(written == 0 ? EIO : errno);
+    }
+}
+
+void OutputFile::WriteOnHostThread(std::string_view bytes) noexcept {
+    const korsys::NoCancellation guard;
+    NoWriteSignals signals;
+    Write(bytes);
+    const int error = m_error.load(std::memory_order_relaxed);
+    if (error == EPIPE)
+        signals.TakeAway(SIGPIPE);
+    else if (error == EFBIG)
+        signals.TakeAway(SIGXFSZ);
+}
+
+void OutputFile::Close() noexcept {
+    const int file = std::exchange(m_file, -1);
+    // EINTR: the descriptor is gone all the same.
+    if (file >= 0 && close(file) != 0 && errno != EINTR)
+        Fail(errno);
+}
+
+MetricsFileError OutputFile::GetFirstError() const {
+    const int error = m_error.load(std::memory_order_relaxed);
+    return error == 0 ? MetricsFileError{} : MetricsFileError{error, m_path};
+}
+
+} // namespace Metrics::detail
