@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <malloc.h>
 #include <unistd.h>
 
 #include <bit>
@@ -72,6 +73,29 @@ TEST(CsvLine, HasTheSameBytesInEveryLocale) {
     }
     event = {static_cast<MetricsEventType>(-9), 0, ~0ul, 0, 0, 0, 999999, "x", {}};
     EXPECT_EQ(line.Render(event), "0,0.999999,18446744073709551615,-9,x,0\n");
+}
+
+TEST(CsvLine, HasRoomForTheLongestFieldAndGivesItBack) {
+    MetricsEvent event;
+    event.param1 = std::string(300'000, '"');
+    event.param2 = -DBL_MAX;
+    detail::CsvLine line;
+    const std::string_view quotes = line.Render(event);
+    EXPECT_EQ(quotes, "0,0.000000,0,0," + std::string(600'002, '"') + ',' +
+                          std::to_string(-DBL_MAX) + '\n');
+    // The line stands where its memory begins: it must end in there.
+    EXPECT_GE(malloc_usable_size(const_cast<char*>(quotes.data())), quotes.size());
+
+    const auto inUse = [] {
+        const struct mallinfo2 info = mallinfo2();
+        return info.uordblks + info.hblkhd;
+    };
+    event.param1 = std::string(10 << 20, '\n');
+    line.Render(event);
+    const std::size_t before = inUse(); // nothing, where a sanitizer is the allocator
+    line.Shrink();
+    EXPECT_LE(inUse() + (before == 0 ? 0 : 20 << 20), before);
+    EXPECT_EQ(line.Render({}), "0,0.000000,0,0,0,0\n");
 }
 
 static const std::string filePath = testing::TempDir() + "raw-" + std::to_string(getpid());

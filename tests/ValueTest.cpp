@@ -2,18 +2,55 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <bitset>
 #include <climits>
 #include <cstring>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
 #include <sstream>
+#include <vector>
 
 namespace Metrics::test {
 
 using Kind = MetricsValue::Kind;
 using namespace MetricsBitsUtils;
 
-static_assert(!std::is_constructible_v<MetricsValue, int*> &&
-              !std::is_constructible_v<MetricsValue, const void*> &&
-              std::is_constructible_v<MetricsValue, char*>);
+enum Signed : signed char { minusOne = -1 };
+enum Unsigned : unsigned { all32 = ~0u };
+enum Flag : bool { isSet = true };
+enum class Scoped { nothing };
+
+template <class T>
+struct ConvertsTo {
+    T value;
+    operator T() { return value; } // of an object that may change, only
+};
+struct HasAChoice : ConvertsTo<int>, ConvertsTo<bool> {};
+struct AsksFirst {
+    explicit operator bool() const { return true; }
+};
+
+template <class... T>
+constexpr bool areTaken = (std::is_convertible_v<T, MetricsValue> && ...);
+template <class... T>
+constexpr bool areRefused = !(std::is_constructible_v<MetricsValue, T> || ...);
+
+static_assert(
+    areTaken<int, const volatile int&, char, wchar_t, char16_t, char32_t, bool, float, double,
+             char*, std::nullptr_t, std::string&, const std::string, std::string_view>);
+static_assert(areTaken<Signed, Unsigned, Flag, decltype(MetricsBits::act)>);
+static_assert(areTaken<std::atomic<int>&, const volatile std::atomic<long>&, std::atomic<double>&,
+                       std::atomic<bool>&, std::atomic<Signed>&, std::reference_wrapper<short>>);
+static_assert(areTaken<std::vector<bool>::reference, std::bitset<8>::reference, std::true_type>);
+static_assert(areRefused<int*, const void*, void (*)(), void (&)(), int Listener::*, long double,
+                         Scoped, std::byte, const wchar_t*>);
+static_assert(areRefused<HasAChoice, AsksFirst, ConvertsTo<int*>&, ConvertsTo<void (*)()>&,
+                         ConvertsTo<long double>&, ConvertsTo<Scoped>&, const ConvertsTo<int>&,
+                         std::unique_ptr<int>, std::atomic<void*>&, std::function<void()>,
+                         std::optional<int>, decltype([](int) {}), Listener&>);
 
 TEST(Value, HasTheKindAndTheBitsOfItsArgument) {
     const auto is = [](const MetricsValue& value, Kind kind, std::uint64_t bits) {
@@ -28,6 +65,27 @@ TEST(Value, HasTheKindAndTheBitsOfItsArgument) {
     EXPECT_TRUE(is(true, B, 1) && is(false, B, 0));
     EXPECT_TRUE(is(0.5, D, 0x3FE0000000000000) && is(0.5f, D, 0x3FE0000000000000));
 
+    struct {
+        unsigned three : 3;
+        int minus : 4;
+        bool flag : 1;
+        Signed one : 2;
+    } fields{7, -5, true, minusOne};
+    EXPECT_TRUE(is(fields.three, I, 7) && is(fields.minus, I, ~4ul) && is(fields.flag, B, 1));
+    EXPECT_TRUE(is(fields.one, I, ~0ul) && is(minusOne, I, ~0ul) && is(all32, I, 4294967295));
+    EXPECT_TRUE(is(isSet, B, 1) && is(MetricsBits::all, I, MetricsBits::all));
+
+    std::atomic<int> number(-7);
+    std::atomic<unsigned> natural(~0u);
+    std::atomic<float> fraction(0.5f);
+    std::vector<bool> flags{true, false};
+    ConvertsTo<short> converts{-2};
+    ConvertsTo<bool> set{true};
+    EXPECT_TRUE(is(number, I, ~6ul) && is(natural, I, 4294967295));
+    EXPECT_TRUE(is(fraction, D, 0x3FE0000000000000) && is(std::ref(converts.value), I, ~1ul));
+    EXPECT_TRUE(is(flags[0], B, 1) && is(flags[1], B, 0) && is(converts, I, ~1ul));
+    EXPECT_TRUE(is(set, B, 1));
+
     const auto text = [](const MetricsValue& value) {
         return value.kind == Kind::String ? *value.text : "not a text";
     };
@@ -37,6 +95,8 @@ TEST(Value, HasTheKindAndTheBitsOfItsArgument) {
     EXPECT_EQ(text(static_cast<const char*>(nullptr)), "");
     EXPECT_EQ(text(std::string_view("viewed").substr(0, 4)), "view");
     EXPECT_EQ(text(std::as_const(taken)), taken);
+    EXPECT_EQ(text(MetricsValue(std::filesystem::path("a/path"))), "a/path");
+    EXPECT_EQ(text(MetricsValue(std::cref(taken))), taken);
     MetricsValue value(std::move(taken)), copy(value);
     EXPECT_EQ(value.text->data(), characters) << "copied, not taken over";
     EXPECT_EQ(copy.text, value.text);

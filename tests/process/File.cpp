@@ -1,0 +1,336 @@
+// The file of the raw client, and what may happen to it: other writers, no reader, no room, no
+// time.
+
+#include "../support/Exercise.h"
+#include "../support/Process.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+
+using namespace Metrics;
+using namespace Metrics::test;
+
+namespace {
+
+const std::string header = "timestamp,datetime,context_id,event_type,param1,param2\n";
+const TemporaryFile s_file;
+std::function<void()> s_beforeWrite; // called once, by the next write(2) of this process
+
+} // namespace
+
+// Stands before libc's, so that something can happen between an open and the write behind it.
+extern "C" ssize_t write(int file, const void* bytes, size_t size) {
+    if (const auto before = std::exchange(s_beforeWrite, nullptr))
+        before();
+    return syscall(SYS_write, file, bytes, size);
+}
+
+namespace {
+
+/// A pipe with a name, and its reading end.
+struct Pipe {
+    Pipe() { VERIFY(mkfifo(s_file.path.c_str(), 0600) == 0 && Reopen() >= 0); }
+    ~Pipe() { close(reader), unlink(s_file.path.c_str()); }
+    int Reopen() { return reader = open(s_file.path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); }
+    /// All that comes until the last writer closes.
+    std::string ReadAll() const {
+        VERIFY(fcntl(reader, F_SETFL, 0) == 0);
+        std::string text;
+        char buffer[4096];
+        for (ssize_t n = 0; (n = read(reader, buffer, sizeof buffer)) > 0;)
+            text.append(buffer, static_cast<std::size_t>(n));
+        return text;
+    }
+    int reader = -1;
+};
+
+/// How many bytes a file may have; beyond them a write raises SIGXFSZ.
+void LimitFiles(rlim_t bytes) {
+    rlimit limit{};
+    VERIFY(getrlimit(RLIMIT_FSIZE, &limit) == 0);
+    limit.rlim_cur = bytes;
+    VERIFY(setrlimit(RLIMIT_FSIZE, &limit) == 0);
+}
+
+bool IsPending(int signal) {
+    sigset_t pending;
+    VERIFY(sigpending(&pending) == 0);
+    return sigismember(&pending, signal) == 1;
+}
+
+bool IsBlocked(int signal) {
+    sigset_t mask;
+    VERIFY(pthread_sigmask(SIG_BLOCK, nullptr, &mask) == 0);
+    return sigismember(&mask, signal) == 1;
+}
+
+/// Whether every line but the header ends as it must, and none is in pieces.
+bool AreLines(const std::string& text, const std::string& ends) {
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);)
+        if (line + '\n' != header && (std::count(line.begin(), line.end(), ',') != 5 ||
+                                      line.find_first_not_of("0123456789") != line.find(',') ||
+                                      line.find(ends) == std::string::npos))
+            return std::printf("not a line: '%s'\n", line.c_str()), false;
+    return text.empty() || text.back() == '\n';
+}
+
+/// The header is written by the host's own thread, whose signals have their default action.
+void OpensAPipeWithoutAReader() {
+    const bool wasPending = IsPending(SIGPIPE), wasBlocked = IsBlocked(SIGPIPE);
+    Pipe pipe;
+    MetricsRawClient client;
+    s_beforeWrite = [&] { close(std::exchange(pipe.reader, -1)); };
+    VERIFY(Open(client, s_file.path) && client.GetFirstError().error == EPIPE);
+    VERIFY(IsPending(SIGPIPE) == wasPending && IsBlocked(SIGPIPE) == wasBlocked);
+    VERIFY(!IsBlocked(SIGXFSZ));
+}
+
+void OpensWithoutRoom() {
+    LimitFiles(0);
+    MetricsRawClient client;
+    VERIFY(Open(client, s_file.path) && client.GetFirstError().error == EFBIG);
+    VERIFY(!IsPending(SIGXFSZ) && !IsBlocked(SIGXFSZ));
+}
+
+/// What waited for the host before waits for it still.
+void LeavesThePendingSignal() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGPIPE);
+    VERIFY(pthread_sigmask(SIG_BLOCK, &set, nullptr) == 0 && raise(SIGPIPE) == 0);
+    OpensAPipeWithoutAReader();
+}
+
+/// Several processes on one path, each of which began with its own Open.
+void SharesAPath() {
+    constexpr int processes = 3;
+    int ready[2], go[2];
+    VERIFY(pipe2(ready, O_CLOEXEC) == 0 && pipe2(go, O_CLOEXEC) == 0);
+    std::array<pid_t, processes> children{};
+    for (pid_t& child : children)
+        if ((child = fork()) == 0) {
+            Start();
+            MetricsRawClient client;
+            char byte = 0;
+            VERIFY(Open(client, s_file.path) && write(ready[1], "r", 1) == 1);
+            VERIFY(read(go[0], &byte, 1) == 1);
+            for (int i = 0; i < 10'000; ++i)
+                Send("line", i, MetricsBits::act);
+            VERIFY(client.Close(forever));
+            _exit(0);
+        }
+    char byte = 0;
+    for (int i = 0; i < processes; ++i)
+        VERIFY(read(ready[0], &byte, 1) == 1);
+    VERIFY(write(go[1], "ggg", processes) == processes);
+    for (const pid_t child : children) {
+        int status = -1;
+        VERIFY(waitpid(child, &status, 0) == child && status == 0);
+    }
+    const std::string text = ReadFile(s_file.path);
+    VERIFY(Count(text, ",7,line,") == processes * 10'000 && AreLines(text, ","));
+}
+
+/// As log rotation by copying does it.
+void IsTruncatedUnderUs() {
+    const Session session;
+    MetricsRawClient client;
+    VERIFY(Open(client, s_file.path));
+    for (int i = 0; i < 1000; ++i)
+        Send("before", i);
+    Flush();
+    VERIFY(truncate(s_file.path.c_str(), 0) == 0);
+    Send("after", 1);
+    VERIFY(client.Close(forever));
+    const std::string text = ReadFile(s_file.path);
+    VERIFY(Count(text, ",7,after,1\n") == 1 && Count(text, ",7,before,") == 0);
+    VERIFY(AreLines(text, ","));
+}
+
+/// The host's output goes to a file, and the client writes there as well, by whichever name.
+void WritesToStandardOutput(const std::string& path) {
+    const int output = open(s_file.path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
+    const int before = dup(1);
+    VERIFY(output >= 0 && dup2(output, 1) == 1 && std::puts("host: begins") > 0);
+    std::fflush(stdout);
+    MetricsRawClient client;
+    Start();
+    VERIFY(Open(client, path));
+    Send("line", 1);
+    Flush();
+    std::puts("host: goes on");
+    std::fflush(stdout);
+    Send("line", 2);
+    VERIFY(client.Close(forever));
+    std::puts("host: ends");
+    std::fflush(stdout);
+    VERIFY(dup2(before, 1) == 1);
+    const std::string text = ReadFile(s_file.path);
+    const std::size_t begin = text.find("host: begins\n" + header), one = text.find(",7,line,1\n"),
+                      on = text.find("\nhost: goes on\n"), two = text.find(",7,line,2\n"),
+                      end = text.find("\nhost: ends\n");
+    VERIFY(begin == 0 && one < on && on < two && two < end && end != std::string::npos);
+    VERIFY(text.find('\0') == std::string::npos);
+}
+
+/// A consumer that does not return costs the time that was given, and Close says that not all is
+/// in the file.
+void ClosesWhileAConsumerIsStuck() {
+    std::atomic<bool> isStuck{false}, goesOn{false};
+    MetricsRawClient client;
+    Consume(false, [&](const MetricsEvent&) {
+        isStuck = true;
+        VERIFY(Poll([&] { return goesOn.load(); }));
+    });
+    VERIFY(Open(client, s_file.path));
+    Send("behind");
+    VERIFY(Poll([&] { return isStuck.load(); }));
+    const auto start = Clock::now();
+    VERIFY(!client.Close(300));
+    const double seconds = SecondsSince(start);
+    VERIFY(seconds >= 0.3 && seconds < 1.5 && ReadFile(s_file.path) == header);
+    goesOn = true;
+    MetricsManager::ShutdownAndFreeInstance();
+    VERIFY(ReadFile(s_file.path) == header && !client.GetFirstError());
+}
+
+/// The reader of a pipe sleeps. The write that is in progress is the last one, and the file is
+/// closed behind it.
+void ClosesInTheMiddleOfAWrite() {
+    Pipe pipe;
+    const Session session;
+    MetricsRawClient client;
+    std::atomic<pid_t> writer{0};
+    VERIFY(Consume(false, [&](const MetricsEvent&) { writer = gettid(); }));
+    VERIFY(Open(client, s_file.path));
+    const std::string text(100, 'x');
+    for (int i = 0; i < 10'000; ++i) // more than fits in
+        Send(text, i);
+    VERIFY(Poll([&] {
+        return writer != 0 &&
+               ReadFile("/proc/self/task/" + std::to_string(writer) + "/syscall").starts_with("1 ");
+    }));
+    const auto start = Clock::now();
+    VERIFY(!client.Close(300));
+    const double seconds = SecondsSince(start);
+    VERIFY(seconds >= 0.3 && seconds < 1.5);
+    const std::string read = pipe.ReadAll(); // to its end: the writer has closed
+    const std::size_t lines = Count(read, text);
+    VERIFY(read.starts_with(header) && lines > 100 && lines < 9'000);
+    VERIFY(AreLines(read.substr(0, read.rfind('\n') + 1), ","));
+    Flush(); // the delivery goes on without the file
+}
+
+/// After a write that failed nothing is added, even when there would be room again: what is in the
+/// file is the beginning of what happened, and maybe the beginning of a line.
+void WritesNothingBehindAFailure() {
+    const Session session;
+    MetricsRawClient client;
+    VERIFY(Open(client, s_file.path));
+    Send("first");
+    Flush();
+    const std::size_t size = ReadFile(s_file.path).size();
+    LimitFiles(size + 10);
+    Send("does not fit");
+    Flush();
+    LimitFiles(RLIM_INFINITY);
+    Send("would fit");
+    VERIFY(!client.Close(forever));
+    const std::string text = ReadFile(s_file.path);
+    VERIFY(text.size() == size + 10 && Count(text, "first") == 1 && Count(text, "fit") == 0);
+    const MetricsFileError error = client.GetFirstError();
+    VERIFY(error.error == EFBIG && error.path == s_file.path);
+    VERIFY(client.Open() && !client.GetFirstError() && client.Close(forever));
+}
+
+/// The reason for a failure can be asked for until the next Open.
+void TellsTheFirstError() {
+    MetricsRawClient client;
+    VERIFY(!client.GetFirstError() && client.Close(0));
+    bool hasThrown = false;
+    try {
+        Open(client, s_file.path + "/missing");
+    } catch (const std::runtime_error&) {
+        hasThrown = true;
+    }
+    VERIFY(hasThrown && client.GetFirstError().error == ENOENT);
+    const Session session;
+    VERIFY(Open(client, "/dev/full"));
+    VERIFY(!client.Close(forever) && client.GetFirstError().error == ENOSPC);
+    client.SetOutputFileName(s_file.path);
+    VERIFY(client.GetFirstError().path == "/dev/full");
+    VERIFY(client.Open() && client.Close(forever) && !client.GetFirstError());
+}
+
+/// A thread that is cancelled while it closes has closed before it goes.
+void IsCancelledInClose() {
+    std::atomic<bool> isStuck{false}, goesOn{false}, hasClosed{false};
+    const Session session;
+    VERIFY(Consume(false, [&](const MetricsEvent& event) {
+        if (event.eventType == MetricsEventType::Custom) {
+            isStuck = true;
+            VERIFY(Poll([&] { return goesOn.load(); }));
+        }
+    }));
+    std::atomic<pid_t> id{0};
+    std::thread thread([&] {
+        MetricsRawClient client;
+        VERIFY(Open(client, s_file.path));
+        Send("waits");
+        VERIFY(Poll([&] { return isStuck.load(); }));
+        id = gettid();
+        VERIFY(client.Close(forever));
+        hasClosed = true;
+        for (;;)
+            pause(); // where the request acts
+    });
+    VERIFY(Poll([&] { return id != 0 && IsAsleep(id); }));
+    VERIFY(pthread_cancel(thread.native_handle()) == 0);
+    goesOn = true;
+    thread.join();
+    VERIFY(hasClosed && Count(ReadFile(s_file.path), ",7,waits,") == 1);
+}
+
+/// Programs that the host starts do not get the file.
+void IsNotInherited() {
+    const Session session;
+    MetricsRawClient client;
+    VERIFY(Open(client, s_file.path));
+    const std::string path = std::filesystem::canonical(s_file.path);
+    int found = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone; // the iterator's own
+        if (std::filesystem::read_symlink(entry.path(), gone) != path)
+            continue;
+        ++found;
+        VERIFY(fcntl(std::stoi(entry.path().filename()), F_GETFD) == FD_CLOEXEC);
+    }
+    VERIFY(found == 1);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    return RunCases(argc, argv,
+                    {{"opens a pipe without a reader", OpensAPipeWithoutAReader},
+                     {"opens without room", OpensWithoutRoom},
+                     {"leaves the pending signal", LeavesThePendingSignal},
+                     {"shares a path", SharesAPath},
+                     {"is truncated under us", IsTruncatedUnderUs},
+                     {"writes to /dev/stdout", [] { WritesToStandardOutput("/dev/stdout"); }},
+                     {"writes where stdout goes", [] { WritesToStandardOutput(s_file.path); }},
+                     {"closes while a consumer is stuck", ClosesWhileAConsumerIsStuck},
+                     {"closes in the middle of a write", ClosesInTheMiddleOfAWrite},
+                     {"writes nothing behind a failure", WritesNothingBehindAFailure},
+                     {"tells the first error", TellsTheFirstError},
+                     {"is cancelled in Close", IsCancelledInClose},
+                     {"is not inherited", IsNotInherited}});
+}
