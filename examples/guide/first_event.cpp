@@ -29,7 +29,7 @@ int main(int argc, char** argv) {
         // The scope closes here, then the context.
     }
 
-    client.Close(); // returns when all of it is in the file
+    client.Close(); // returns when all of it is in the file, after five seconds at the latest
     MetricsManager::ShutdownAndFreeInstance();
 }
 // [end]

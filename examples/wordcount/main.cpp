@@ -46,7 +46,7 @@ public:
 
     // [snippet: shutdown]
     ~MetricsSession() {
-        m_client.Close(); // returns when everything is in the file
+        m_client.Close(); // waits until everything is in the file, for five seconds at most
         Metrics::MetricsManager::ShutdownAndFreeInstance();
     }
     // [end]

@@ -21,6 +21,7 @@ namespace {
 
 const std::string header = "timestamp,datetime,context_id,event_type,param1,param2\n";
 const TemporaryFile s_file;
+const TemporaryFile s_pipe{s_file.path + ".pipe"};
 std::function<void()> s_beforeWrite; // called once, by the next write(2) of this process
 
 } // namespace
@@ -36,9 +37,12 @@ namespace {
 
 /// A pipe with a name, and its reading end.
 struct Pipe {
-    Pipe() { VERIFY(mkfifo(s_file.path.c_str(), 0600) == 0 && Reopen() >= 0); }
-    ~Pipe() { close(reader), unlink(s_file.path.c_str()); }
-    int Reopen() { return reader = open(s_file.path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); }
+    Pipe() {
+        unlink(s_pipe.path.c_str());
+        VERIFY(mkfifo(s_pipe.path.c_str(), 0600) == 0 && Reopen() >= 0);
+    }
+    ~Pipe() { close(reader); }
+    int Reopen() { return reader = open(s_pipe.path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); }
     /// All that comes until the last writer closes.
     std::string ReadAll() const {
         VERIFY(fcntl(reader, F_SETFL, 0) == 0);
@@ -88,7 +92,7 @@ void OpensAPipeWithoutAReader() {
     Pipe pipe;
     MetricsRawClient client;
     s_beforeWrite = [&] { close(std::exchange(pipe.reader, -1)); };
-    VERIFY(Open(client, s_file.path) && client.GetFirstError().error == EPIPE);
+    VERIFY(Open(client, s_pipe.path) && client.GetFirstError().error == EPIPE);
     VERIFY(IsPending(SIGPIPE) == wasPending && IsBlocked(SIGPIPE) == wasBlocked);
     VERIFY(!IsBlocked(SIGXFSZ));
 }
@@ -210,7 +214,7 @@ void ClosesInTheMiddleOfAWrite() {
     MetricsRawClient client;
     std::atomic<pid_t> writer{0};
     VERIFY(Consume(false, [&](const MetricsEvent&) { writer = gettid(); }));
-    VERIFY(Open(client, s_file.path));
+    VERIFY(Open(client, s_pipe.path));
     const std::string text(100, 'x');
     for (int i = 0; i < 10'000; ++i) // more than fits in
         Send(text, i);
@@ -320,17 +324,17 @@ void IsNotInherited() {
 
 int main(int argc, char** argv) {
     return RunCases(argc, argv,
-                    {{"opens a pipe without a reader", OpensAPipeWithoutAReader},
-                     {"opens without room", OpensWithoutRoom},
-                     {"leaves the pending signal", LeavesThePendingSignal},
-                     {"shares a path", SharesAPath},
-                     {"is truncated under us", IsTruncatedUnderUs},
-                     {"writes to /dev/stdout", [] { WritesToStandardOutput("/dev/stdout"); }},
-                     {"writes where stdout goes", [] { WritesToStandardOutput(s_file.path); }},
-                     {"closes while a consumer is stuck", ClosesWhileAConsumerIsStuck},
-                     {"closes in the middle of a write", ClosesInTheMiddleOfAWrite},
-                     {"writes nothing behind a failure", WritesNothingBehindAFailure},
-                     {"tells the first error", TellsTheFirstError},
-                     {"is cancelled in Close", IsCancelledInClose},
-                     {"is not inherited", IsNotInherited}});
+                    {{"opens a pipe without a reader", OpensAPipeWithoutAReader, 20},
+                     {"opens without room", OpensWithoutRoom, 20},
+                     {"leaves the pending signal", LeavesThePendingSignal, 20},
+                     {"shares a path", SharesAPath, 20},
+                     {"is truncated under us", IsTruncatedUnderUs, 20},
+                     {"writes to /dev/stdout", [] { WritesToStandardOutput("/dev/stdout"); }, 20},
+                     {"writes where stdout goes", [] { WritesToStandardOutput(s_file.path); }, 20},
+                     {"closes while a consumer is stuck", ClosesWhileAConsumerIsStuck, 20},
+                     {"closes in the middle of a write", ClosesInTheMiddleOfAWrite, 20},
+                     {"writes nothing behind a failure", WritesNothingBehindAFailure, 20},
+                     {"tells the first error", TellsTheFirstError, 20},
+                     {"is cancelled in Close", IsCancelledInClose, 20},
+                     {"is not inherited", IsNotInherited, 20}});
 }
