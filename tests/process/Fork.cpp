@@ -96,8 +96,15 @@ void InsideAConsumer(bool synchronous) {
 } // namespace
 
 int main(int argc, char** argv) {
-    return RunCases(argc, argv,
-                    {{"fork under load", UnderLoad, 600},
-                     {"fork in a synchronous consumer", [] { InsideAConsumer(true); }, 300},
-                     {"fork in an asynchronous consumer", [] { InsideAConsumer(false); }, 300}});
+    std::vector<Case> cases;
+    // AddressSanitizer's allocator (before LLVM 17) does not take its locks for a fork: the child
+    // of a process with threads may wait forever for one that another thread held.
+    if (!hasAddressSanitizer) {
+        cases.push_back({"UnderLoad", UnderLoad, 600});
+        cases.push_back({"InASynchronousConsumer", [] { InsideAConsumer(true); }, 300});
+    }
+    // ThreadSanitizer's runtime crashes when a thread ends that came through a fork.
+    if (sanitizer.empty())
+        cases.push_back({"InAnAsynchronousConsumer", [] { InsideAConsumer(false); }, 300});
+    return RunCases(argc, argv, cases);
 }

@@ -83,8 +83,8 @@ void RegistersUnderLoad() {
 
 int main(int argc, char** argv) {
     return RunCases(argc, argv,
-                    {{"emits while a registration waits", EmitsWhileARegistrationWaits},
-                     {"a synchronous consumer calls back", [] { CallsBack(true); }},
-                     {"an asynchronous consumer calls back", [] { CallsBack(false); }},
-                     {"registers under load", RegistersUnderLoad, 60}});
+                    {{"EmitsWhileARegistrationWaits", EmitsWhileARegistrationWaits},
+                     {"ASynchronousConsumerCallsBack", [] { CallsBack(true); }},
+                     {"AnAsynchronousConsumerCallsBack", [] { CallsBack(false); }},
+                     {"RegistersUnderLoad", RegistersUnderLoad, 60}});
 }
