@@ -127,9 +127,9 @@ int main(int argc, char** argv) {
         UseEverything("x");
     };
     return RunCases(argc, argv,
-                    {{"ReturnFromMain", GetBusy, 30, 300},
-                     {"ExitOnAThread", exitOnAThread, 30, 300},
-                     {"Shutdown", shutDownWhileBusy, 30, 300},
+                    {{"ReturnFromMain", GetBusy, 30, 60},
+                     {"ExitOnAThread", exitOnAThread, 30, 60},
+                     {"Shutdown", shutDownWhileBusy, 30, 60},
                      {"SynchronousAndStuck", [] { GetStuck(true, false); }, 30, 5},
                      {"AsynchronousAndStuck", [] { GetStuck(false, false); }, 30, 5},
                      {"SynchronousStuckUnderARegistration", [] { GetStuck(true, true); }, 30, 3},

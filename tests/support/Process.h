@@ -23,10 +23,7 @@ namespace Metrics::test {
 
 using Clock = std::chrono::steady_clock;
 
-#ifndef METRICS_SANITIZER // the value of -fsanitize
-#define METRICS_SANITIZER ""
-#endif
-constexpr std::string_view sanitizer = METRICS_SANITIZER;
+constexpr std::string_view sanitizer = METRICS_SANITIZER; // the value of -fsanitize
 constexpr bool hasThreadSanitizer = sanitizer == "thread";
 constexpr bool hasAddressSanitizer = sanitizer.find("address") != std::string_view::npos;
 
@@ -106,10 +103,11 @@ struct Compared {
     }
 };
 
-/// Scales a number of repetitions by METRICS_TEST_SCALE, a percentage: sanitizers are slow.
+/// Scales a number of repetitions by METRICS_TEST_SCALE, a percentage, from the environment or from
+/// the build: sanitizers are slow, and the long run is for CI.
 inline int Repetitions(int usual) {
     const char* const scale = std::getenv("METRICS_TEST_SCALE");
-    return std::max(1, usual * (scale == nullptr ? 100 : std::atoi(scale)) / 100);
+    return std::max(1, usual * (scale == nullptr ? METRICS_TEST_SCALE : std::atoi(scale)) / 100);
 }
 
 /// Looks again until the condition holds. @return false when it never did within the time.
