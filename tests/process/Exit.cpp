@@ -40,9 +40,10 @@ void GetBusy() {
     static std::atomic<unsigned> seen{0};
     Start();
     VERIFY(Consume(true, [](const MetricsEvent&) {
-        if (s_inside >= 0 && s_inside++ < 8)
-            while (!s_isEnding)
-                std::this_thread::yield();
+        if (s_inside < 0 || s_inside++ >= 8)
+            return;
+        while (!s_isEnding)
+            std::this_thread::yield();
     }));
     VERIFY(Consume(false, [](const MetricsEvent&) { ++seen; }));
     std::atexit([] {
@@ -56,7 +57,10 @@ void GetBusy() {
                 UseEverything("some text that is too long to be stored inside of a string");
         }).detach();
     VERIFY(AllGoRoundAgain());
-    std::thread([] { UseEverything((static_cast<void>(&t_lateUser), "early")); }).join();
+    std::thread([] {
+        static_cast<void>(&t_lateUser);
+        UseEverything("early");
+    }).join();
     s_inside = 0;
     VERIFY(Poll([] { return s_inside >= 8; }));
 }
@@ -69,10 +73,16 @@ void GetStuck(bool synchronous, bool isRegistering) {
     Start();
     Consume(true, [](const MetricsEvent&) {});
     VERIFY(Consume(synchronous, [](const MetricsEvent& event) {
-        for (; event.eventType != MetricsEventType::Shutdown && !s_isEnding; usleep(1000))
-            stuck = gettid();
+        if (event.eventType == MetricsEventType::Shutdown)
+            return;
+        stuck = gettid();
+        while (!s_isEnding)
+            usleep(1000);
     }));
-    std::thread([] { UseEverything("stuck"), hasLeft = true; }).detach();
+    std::thread([] {
+        UseEverything("stuck");
+        hasLeft = true;
+    }).detach();
     VERIFY(Poll([] { return stuck != 0 && IsAsleep(stuck); }));
     if (isRegistering) {
         std::thread([] {
@@ -99,19 +109,34 @@ void ShutDown() {
 
 int main(int argc, char** argv) {
     static_cast<void>(&t_lateUser); // made before anything of the library's, so it goes after that
-    return RunCases(
-        argc, argv,
-        {{"return", GetBusy, 30, 300},
-         {"exit from a thread", [] { std::thread(std::exit, (GetBusy(), 0)).join(); }, 30, 300},
-         {"shutdown", [] { GetBusy(), ShutDown(); }, 30, 300},
-         {"synchronous and stuck", [] { GetStuck(true, false); }, 30, 5},
-         {"asynchronous and stuck", [] { GetStuck(false, false); }, 30, 5},
-         {"synchronous, with a registration", [] { GetStuck(true, true); }, 30, 3},
-         {"asynchronous, with a registration", [] { GetStuck(false, true); }, 30, 3},
-         // The rest leaks nothing: LeakSanitizer fails the run.
-         {"unused", [] {}},
-         {"enabled", [] { UseEverything((Start(), "x")); }, 30, 20},
-         {"disabled", [] { VERIFY(Start().Disable()); }, 30, 20},
-         {"started late", [] { MetricsManager::ShutdownAndFreeInstance(), Start(), ShutDown(); },
-          30, 20}});
+    const auto exitOnAThread = [] {
+        GetBusy();
+        std::thread([] { std::exit(0); }).join();
+    };
+    const auto shutDownWhileBusy = [] {
+        GetBusy();
+        ShutDown();
+    };
+    const auto startAfterTheEnd = [] {
+        MetricsManager::ShutdownAndFreeInstance();
+        Start();
+        ShutDown();
+    };
+    const auto leaveOpen = [] {
+        Start();
+        UseEverything("x");
+    };
+    return RunCases(argc, argv,
+                    {{"ReturnFromMain", GetBusy, 30, 60},
+                     {"ExitOnAThread", exitOnAThread, 30, 60},
+                     {"Shutdown", shutDownWhileBusy, 30, 60},
+                     {"SynchronousAndStuck", [] { GetStuck(true, false); }, 30, 5},
+                     {"AsynchronousAndStuck", [] { GetStuck(false, false); }, 30, 5},
+                     {"SynchronousStuckUnderARegistration", [] { GetStuck(true, true); }, 30, 3},
+                     {"AsynchronousStuckUnderARegistration", [] { GetStuck(false, true); }, 30, 3},
+                     // The rest leaks nothing: LeakSanitizer fails the run.
+                     {"NeverUsed", [] {}},
+                     {"LeftEnabled", leaveOpen, 30, 20},
+                     {"LeftDisabled", [] { VERIFY(Start().Disable()); }, 30, 20},
+                     {"StartedAfterTheEnd", startAfterTheEnd, 30, 20}});
 }
