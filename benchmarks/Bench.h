@@ -282,6 +282,7 @@ Times OnNewThreads(int count, Work work) {
     std::vector<Clock::time_point> begins(static_cast<std::size_t>(count));
     std::vector<Clock::time_point> ends(begins.size());
     std::vector<std::thread> threads;
+    threads.reserve(begins.size());
     for (int i = 0; i < count; ++i)
         threads.emplace_back([&, i, index = static_cast<std::size_t>(i)] {
             const KeptOnCore kept(i);

@@ -84,6 +84,7 @@ void RunCrowd(const char* name, std::size_t count, int burst, int flushes) {
     const bench::Registered<bench::CountingConsumer> consumer;
     std::vector<Emitter> emitters(count);
     std::vector<std::thread> threads;
+    threads.reserve(count);
     std::atomic<bool> stop{false};
     for (Emitter& emitter : emitters)
         threads.emplace_back([&emitter, &stop, burst, steps] {
@@ -97,7 +98,7 @@ void RunCrowd(const char* name, std::size_t count, int burst, int flushes) {
             }
         });
     double most = 0;
-    std::printf("\"%s\": {\"flushes\": [", name);
+    std::printf(R"("%s": {"flushes": [)", name);
     for (int i = 0; i < flushes; ++i) {
         for (int sample = 0; sample < 40; ++sample) {
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
@@ -111,7 +112,8 @@ void RunCrowd(const char* name, std::size_t count, int burst, int flushes) {
         bench::Manager().WaitUntilWritesFlushed(10'000);
         const double seconds = bench::SecondsSince(start);
         most = std::max(most, bench::ResidentMemory());
-        std::printf("%s\n{\"emitted\": %ld, \"delivered\": %ld, \"seconds\": %.3f, \"all\": %s}",
+        std::printf(R"(%s
+{"emitted": %ld, "delivered": %ld, "seconds": %.3f, "all": %s})",
                     i == 0 ? "" : ",", static_cast<long>(emitted), static_cast<long>(delivered),
                     seconds, consumer->Count() >= emitted ? "true" : "false");
         std::fflush(stdout);
