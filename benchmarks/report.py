@@ -151,12 +151,12 @@ def figures_table(f, memory, crowd):
         row("delivery thread, nobody registered, for each event", f"{number(nobody['delivery_ns'])} ns",
             f"with a consumer: {number(somebody['delivery_ns'])} ns", f"{worked:.2f}", "0.25",
             worked <= 0.25)
-        limit("resident memory, nobody registered, grows by", nobody["growth"] / 1e6, "MB", 4)
+        limit("resident memory, nobody registered, grows in a second by", nobody["growth"] / 1e6, "MB", 4)
         limit("resident for each queued event, two numbers", memory["bytes"], "bytes", 72)
         limit("resident for each queued event, a short name and a number", memory["name_bytes"],
               "bytes", 96)
         for kind, value in memory["text_allocations"].items():
-            row(f"allocations for {kind}", f"{value:.3f}", "-", "-", "0", value < 0.001)
+            row(f"allocations for a call with {kind}", f"{value:.3f}", "-", "-", "0", value < 0.001)
     if crowd:
         for name, title, goal in (("300 threads", "300 threads that compute and emit", 3),
                                   ("100 threads", "100 threads, in bursts of 3,000", None)):
@@ -198,8 +198,8 @@ def memory_list(m, instructions):
         f"{m['name_bytes']:.0f} with a short name and a number.",
         f"- {m['growing_malloc'] + m['growing_tbb']:.4f} allocations for each event while the "
         f"buffer grows, {m['steady_malloc'] + m['steady_tbb']:.5f} in a steady flow of bursts.",
-        "- Allocations for an event, by what is given as characters: " + ", ".join(
-            f"{value:.3f} for {kind}" for kind, value in m["text_allocations"].items()) + ".",
+        "- Allocations for a call, by what is given as characters: " + ", ".join(
+            f"{value:.3f} with {kind}" for kind, value in m["text_allocations"].items()) + ".",
         f"- 1,000 events in a millisecond, for 2 s: the delivery thread works "
         f"{m['to_a_consumer']['delivery_ns']:.1f} ns for each with a consumer that counts, "
         f"{m['to_nobody']['delivery_ns']:.1f} ns with nobody registered.",
