@@ -15,6 +15,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <fstream>
 #include <optional>
 #include <string>
@@ -84,6 +85,13 @@ public:
 private:
     cpu_set_t m_before{};
 };
+
+/// The processor time of the calling thread, in seconds.
+inline double ThreadSeconds() {
+    timespec time{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
+}
 
 /// The resident memory of this process, in bytes.
 inline double ResidentMemory() {
@@ -212,10 +220,13 @@ void RunBursts(benchmark::State& state, Size size, Block block, Settle settle = 
     if (state.threads() == 2)
         kept.emplace(state.thread_index());
     std::vector<double> times;
+    double lasted = 0;
+    double worked = 0;
     const auto burst = [&] {
         if (state.thread_index() == 0)
             prepare();
         LineUp(state);
+        const double workedBefore = ThreadSeconds();
         const auto burstStart = Clock::now();
         for (std::size_t i = 0; i < size.blocks; ++i) {
             const auto start = Clock::now();
@@ -223,6 +234,8 @@ void RunBursts(benchmark::State& state, Size size, Block block, Settle settle = 
             times.push_back(SecondsSince(start));
         }
         const double seconds = SecondsSince(burstStart);
+        worked += ThreadSeconds() - workedBefore;
+        lasted += seconds;
         LineUp(state);
         if (state.thread_index() == 0)
             settle();
@@ -231,10 +244,12 @@ void RunBursts(benchmark::State& state, Size size, Block block, Settle settle = 
     for (int warmUp = 0; warmUp < 3; ++warmUp)
         burst();
     times.clear();
+    lasted = worked = 0;
     times.reserve(size.blocks * static_cast<std::size_t>(state.max_iterations));
     for (auto _ : state)
         state.SetIterationTime(burst());
     Report(state, std::move(times), size.calls);
+    state.counters["share"] = benchmark::Counter(worked / lasted, benchmark::Counter::kAvgThreads);
 }
 
 /// The same for a single call, which gets a number.
