@@ -34,12 +34,16 @@ Argument FromValue(MetricsValue& value) noexcept {
     return number;
 }
 
+MetricsEvent MakeEvent(const EventHead& head, const Argument& first, const Argument& second) {
+    return {head.type, head.sourceId,  head.contextId, head.bits, 0, 0,
+            0,         ToValue(first), ToValue(second)};
+}
+
 /// With synchronous consumers: the event is made here, shown to them, and its values handed over.
 [[gnu::noinline]] void EmitToSynchronousConsumers(ThreadRecord& record, const Stamp& stamp,
                                                   const EventHead& head, const Argument& first,
                                                   const Argument& second) {
-    MetricsEvent event{head.type, head.sourceId,  head.contextId, head.bits, 0, 0,
-                       0,         ToValue(first), ToValue(second)};
+    MetricsEvent event = MakeEvent(head, first, second);
     PutStamp(stamp, event);
     s_consumers.CallSynchronous(record, event);
     if (!InForkedChild()) // a consumer has forked, and this is the child
@@ -84,14 +88,14 @@ MetricsValue ToValue(const Argument& argument) {
 }
 
 void Emit(const EventHead& head, const Argument& first, const Argument& second) {
-    if (!s_life.Accepts() || !PassesLiveMask(head.bits))
+    if (!s_life.Accepts())
         return;
     if (head.type == MetricsEventType::Shutdown) [[unlikely]] {
-        MetricsEvent event{head.type, head.sourceId,  head.contextId, head.bits, 0, 0,
-                           0,         ToValue(first), ToValue(second)};
-        EmitShutdown(event);
-        return;
+        MetricsEvent event = MakeEvent(head, first, second);
+        return EmitShutdown(event);
     }
+    if (!PassesLiveMask(head.bits))
+        return;
     ThreadRecord& record = s_threads.Current();
     const Stamp stamp = s_stampClock.Take(record.wallOffset);
     if (s_consumers.HasSynchronous()) [[unlikely]]

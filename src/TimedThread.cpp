@@ -23,6 +23,8 @@ void TimedThread::Start(void (*run)(void*), void* argument) {
     pthread_attr_init(&attributes);
     pthread_attr_setinheritsched(&attributes, PTHREAD_EXPLICIT_SCHED);
     pthread_attr_setschedpolicy(&attributes, SCHED_OTHER);
+    const sched_param ordinary{};
+    pthread_attr_setschedparam(&attributes, &ordinary);
     pthread_sigmask(SIG_SETMASK, &blocked, &before);
     const int error = pthread_create(
         &m_thread, &attributes,
