@@ -46,7 +46,7 @@ int Host(Shared& shared) {
         for (int i = 0;; ++i) {
             if (i == 1000) // the first emits allocate
                 shared.emitter = gettid();
-            while (shared.emitted - delivered > 200000)
+            while (static_cast<int>(shared.emitted - delivered) > 200000) // may be negative
                 std::this_thread::yield();
             AttributeImpl(1, 2, 0);
             ++shared.emitted;
