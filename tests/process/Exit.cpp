@@ -4,6 +4,9 @@
 #include "../support/Exercise.h"
 #include "../support/Process.h"
 
+#include <array>
+#include <csignal>
+
 using namespace Metrics;
 using namespace Metrics::test;
 
@@ -28,9 +31,26 @@ struct LateUser {
 LateUser s_lateUser;
 thread_local LateUser t_lateUser;
 
+std::atomic<bool> s_isHeld{false}, s_goesOn{false};
+
+/// A thread that was held in the middle of an emit since before the end goes on behind it: it does
+/// not write into memory that is in other hands by now.
+void GoOnBehindTheEnd() {
+    std::vector<std::string> blocks; // of every size that may have been freed
+    for (std::size_t size = 24; size <= 520; size += 16)
+        blocks.resize(blocks.size() + 50, std::string(size - 1, '\x5A'));
+    const std::vector<std::string> before = blocks;
+    const unsigned round = s_rounds[0];
+    s_goesOn = true;
+    VERIFY(Poll([&] { return s_rounds[0] - round >= 2; }));
+    VERIFY(blocks == before);
+}
+
 // Registered before the loader's own end is, so it runs when the library has been taken down.
 void AfterTheLibrary(int, void*) {
     VERIFY(!s_isBusy || (AllGoRoundAgain() && IsInert()));
+    if (s_isHeld)
+        GoOnBehindTheEnd();
 }
 [[gnu::section(".preinit_array"), gnu::used]] void (*const s_registerFirst)() = [] {
     on_exit(AfterTheLibrary, nullptr);
@@ -63,6 +83,24 @@ void GetBusy() {
     }).join();
     s_inside = 0;
     VERIFY(Poll([] { return s_inside >= 8; }));
+}
+
+/// One thread emits and is held wherever it is, until all has ended.
+void HoldAnEmitter() {
+    std::signal(SIGUSR1, [](int) {
+        s_isHeld = true;
+        while (!s_goesOn)
+            usleep(100);
+    });
+    Start();
+    std::thread emitter([] {
+        for (;; ++s_rounds[0])
+            AttributeImpl(1, 2, 0);
+    });
+    VERIFY(Poll([] { return s_rounds[0] > 1000; }));
+    pthread_kill(emitter.native_handle(), SIGUSR1);
+    emitter.detach();
+    VERIFY(Poll([] { return s_isHeld.load(); }));
 }
 
 /// A consumer does not return, and maybe a registration waits for it: a second covers all of that,
@@ -130,6 +168,7 @@ int main(int argc, char** argv) {
                     {{"ReturnFromMain", GetBusy, 30, 60},
                      {"ExitOnAThread", exitOnAThread, 30, 60},
                      {"Shutdown", shutDownWhileBusy, 30, 60},
+                     {"WhileAnEmitterIsHeld", HoldAnEmitter, 30, 20},
                      {"SynchronousAndStuck", [] { GetStuck(true, false); }, 30, 5},
                      {"AsynchronousAndStuck", [] { GetStuck(false, false); }, 30, 5},
                      {"SynchronousStuckUnderARegistration", [] { GetStuck(true, true); }, 30, 3},
