@@ -266,14 +266,14 @@ TEST(Delivery, HoldsAnyNumberOfEventsBack) {
         EXPECT_EQ(count, perThread);
 }
 
-/// The middle one of several times until an event is delivered.
+/// The shortest of several times until an event is delivered: the machine may be busy.
 static double SecondsUntilDelivered(bool flushes) {
     std::atomic<bool> isDelivered{false};
     const auto listener = Consume(false, [&isDelivered](const MetricsEvent& event) {
         if (event.bits == MetricsBits::test1)
             isDelivered = true;
     });
-    std::vector<double> seconds;
+    double shortest = forever;
     for (int i = 0; i < 9; ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(30)); // the thread falls asleep
         isDelivered = false;
@@ -282,17 +282,16 @@ static double SecondsUntilDelivered(bool flushes) {
         if (flushes)
             Flush();
         EXPECT_TRUE(Poll([&] { return isDelivered.load(); }));
-        seconds.push_back(SecondsSince(start));
+        shortest = std::min(shortest, SecondsSince(start));
     }
     EXPECT_TRUE(Manager().RemoveConsumer(listener));
-    std::sort(seconds.begin(), seconds.end());
-    return seconds[seconds.size() / 2];
+    return shortest;
 }
 
 TEST(Delivery, ComesSoonWhetherIdleOrBusy) {
     const Session session;
-    EXPECT_LT(SecondsUntilDelivered(false), 0.18) << "an idle thread looks every 100 ms";
-    EXPECT_LT(SecondsUntilDelivered(true), 0.06) << "a flush wakes it";
+    EXPECT_LT(SecondsUntilDelivered(false), 0.15) << "an idle thread looks every 100 ms";
+    EXPECT_LT(SecondsUntilDelivered(true), 0.05) << "a flush wakes it";
     std::jthread load([](const std::stop_token& done) {
         for (int i = 0; !done.stop_requested(); ++i) {
             Send(i, 0, MetricsBits::act);
@@ -300,7 +299,7 @@ TEST(Delivery, ComesSoonWhetherIdleOrBusy) {
                 std::this_thread::sleep_for(std::chrono::microseconds(200));
         }
     });
-    EXPECT_LT(SecondsUntilDelivered(false), 0.06) << "a busy one goes on at once";
+    EXPECT_LT(SecondsUntilDelivered(false), 0.05) << "a busy one goes on at once";
 }
 
 /// Nanoseconds of processor time that the delivery thread has used.
@@ -353,7 +352,8 @@ TEST(Delivery, BeginsWithTheInitFunctionAndEndsWithWhatWasQueued) {
         EXPECT_EQ(token.use_count(), 1) << "the init function is released right after";
         log += ' ' + std::to_string(event.param1.integer);
     });
-    Manager().Enable();
+    EXPECT_TRUE(Poll([] { return ThreadsNamed("metrics") == 1; }));
+    Manager().Enable(); // nothing more begins
     Manager().SetThreadInitFunction([&log] { log += "too late"; });
     Send(1);
     Send(2);
@@ -365,7 +365,7 @@ TEST(Delivery, BeginsWithTheInitFunctionAndEndsWithWhatWasQueued) {
     EXPECT_FALSE(Manager().AddConsumer(consumer, everyBit, false));
 }
 
-TEST(Delivery, NeitherThreadsNorErrnoChangeUnderTheFirstEmit) {
+TEST(Delivery, LeavesErrnoAloneInAThreadsFirstEmit) {
     Start();
     // A thread that finds the record of one that has ended asks the kernel about it.
     for (int i = 0; i < 5; ++i)
@@ -376,9 +376,6 @@ TEST(Delivery, NeitherThreadsNorErrnoChangeUnderTheFirstEmit) {
             const Context context(0, Context::Create(true));
             EXPECT_EQ(errno, EXDEV);
         }).join();
-    EXPECT_EQ(ThreadsNamed("metrics"), 1);
-    Manager().Enable();
-    EXPECT_EQ(ThreadsNamed("metrics"), 1);
 }
 
 TEST(Delivery, FirstUsersThatRaceShareOneInstance) {

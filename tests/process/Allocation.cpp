@@ -257,6 +257,7 @@ int RunOperation(const Operation& operation, int n) {
 }
 
 void EveryOperation() {
+    int all = 0;
     for (const Operation& operation : s_operations) {
         int n = 0;
         for (int status = 3; status == 3; ++n) {
@@ -267,8 +268,9 @@ void EveryOperation() {
             VERIFY(ended.output == "");
         }
         std::printf("%s, or the start: %d allocations\n", operation.name, n - 1);
-        VERIFY(n > 1);
+        all += n - 1;
     }
+    VERIFY(all > 50); // or there is something else that they allocate with
 }
 
 /// Emits into memory that is not there yet, while the delivery waits: from the n-th allocation on,
