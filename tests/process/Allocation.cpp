@@ -270,7 +270,7 @@ void EveryOperation() {
         std::printf("%s, or the start: %d allocations\n", operation.name, n - 1);
         all += n - 1;
     }
-    VERIFY(all > 50); // or there is something else that they allocate with
+    VERIFY(all > 30); // or there is something else that they allocate with
 }
 
 /// Emits into memory that is not there yet, while the delivery waits: from the n-th allocation on,
