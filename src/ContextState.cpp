@@ -9,7 +9,7 @@
 
 namespace Metrics::detail {
 
-void ContextState::OpenOwnScope() {
+void ContextState::OpenNewOwnScope() {
     OwnScope before = OwnScope::New;
     if (!ownScope.compare_exchange_strong(before, OwnScope::Opening, std::memory_order_acquire))
         return;

@@ -49,7 +49,11 @@ struct ContextState {
     int attributesEmitted = 0;           // how far the opening came; the opener's
     std::string name{"cxt"};             // the scope's label
 
-    void OpenOwnScope();
+    /// Does it once; nothing when it is done or under way.
+    void OpenOwnScope() {
+        if (ownScope.load(std::memory_order_relaxed) == OwnScope::New) [[unlikely]]
+            OpenNewOwnScope();
+    }
     void CloseOwnScope();
     bool HasOpenScope() const noexcept {
         // Acquire: ownScopeContextId.
@@ -62,6 +66,7 @@ struct ContextState {
 
 private:
     ~ContextState() = default;
+    void OpenNewOwnScope();
     OwnScope EmitOpening();
     void EmitOwnScope(MetricsEventType type);
 

@@ -17,6 +17,27 @@
 
 namespace Metrics::detail {
 
+/// memcpy(3) without the call for what labels and names usually are.
+inline void CopyCharacters(void* to, const char* from, std::size_t length) noexcept {
+    const auto copy = [=](auto word) { // the first and the last one, which may overlap
+        std::memcpy(&word, from, sizeof word);
+        auto last = word;
+        std::memcpy(&last, from + length - sizeof word, sizeof word);
+        std::memcpy(to, &word, sizeof word);
+        std::memcpy(static_cast<char*>(to) + length - sizeof word, &last, sizeof word);
+    };
+    if (length > 16)
+        std::memcpy(to, from, length);
+    else if (length >= 8)
+        copy(std::uint64_t{});
+    else if (length >= 4)
+        copy(std::uint32_t{});
+    else if (length >= 2)
+        copy(std::uint16_t{});
+    else if (length == 1)
+        *static_cast<char*>(to) = *from;
+}
+
 /// What an event says beside its stamps and values.
 struct EventHead {
     MetricsEventType type;
@@ -216,8 +237,7 @@ inline void EventQueue::Append(const Stamp& stamp, const EventHead& head, const 
         switch (argument.form) {
         case Argument::Form::Characters:
             slot.length = argument.length;
-            if (argument.length != 0) // null is empty, too
-                std::memcpy(tail, argument.characters, argument.length);
+            CopyCharacters(tail, argument.characters, argument.length);
             tail += (argument.length + 7) & ~std::size_t{7};
             return Record::Form::Characters;
         case Argument::Form::Value:
