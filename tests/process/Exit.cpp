@@ -98,12 +98,14 @@ void HoldAnEmitter() {
     Consume(false, [](const MetricsEvent&) { ++delivered; });
     std::thread emitter([] {
         for (;; ++s_rounds[0]) {
-            while (!s_goesOn && s_rounds[0] - delivered > 1000)
+            while (!s_goesOn && s_rounds[0] - delivered > 3000)
                 std::this_thread::yield();
             AttributeImpl(1, 2, 0);
         }
     });
-    VERIFY(Poll([] { return s_rounds[0] > 5000; }));
+    VERIFY(Poll([] { return s_rounds[0] > 20000; }));
+    const unsigned before = s_rounds[0];
+    while (s_rounds[0] == before) {} // it is under way
     pthread_kill(emitter.native_handle(), SIGUSR1);
     emitter.detach();
     VERIFY(Poll([] { return s_isHeld.load(); }));
@@ -174,7 +176,7 @@ int main(int argc, char** argv) {
                     {{"ReturnFromMain", GetBusy, 30, 60},
                      {"ExitOnAThread", exitOnAThread, 30, 60},
                      {"Shutdown", shutDownWhileBusy, 30, 60},
-                     {"WhileAnEmitterIsHeld", HoldAnEmitter, 30, 20},
+                     {"WhileAnEmitterIsHeld", HoldAnEmitter, 30, 30},
                      {"SynchronousAndStuck", [] { GetStuck(true, false); }, 30, 5},
                      {"AsynchronousAndStuck", [] { GetStuck(false, false); }, 30, 5},
                      {"SynchronousStuckUnderARegistration", [] { GetStuck(true, true); }, 30, 3},
