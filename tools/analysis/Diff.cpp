@@ -15,9 +15,10 @@
 
 // How a change is told from noise.
 //
-// 1. The pieces of one request depend on each other, and requests that follow each other may too. So
-//    what is resampled are blocks of whole requests that follow each other; of their children, where
-//    there are too few requests.
+// 1. The pieces of one request depend on each other, and requests that follow each other may too.
+// So
+//    what is resampled are blocks of whole requests that follow each other; of their children,
+//    where there are too few requests.
 // 2. A quantile's interval is that between two ranks: the share of pieces below it varies from one
 //    bootstrap sample to the next, and the values at the ends of that range bound it. Unlike the
 //    quantile's own variation this also holds where values stand in two heaps. A total's comes from
@@ -62,7 +63,7 @@ struct Sample {
 struct Pieces {
     std::vector<Sample> samples;
     double total = 0;
-    double alone = 0; ///< of the total, what passed while no work handed over was going on
+    double alone = 0;        ///< of the total, what passed while no work handed over was going on
     std::set<NameId> within; ///< labels: of contexts below; requests: of all of it
 };
 
@@ -125,8 +126,7 @@ void MakeBlocks(Side& side, const std::vector<Part>& parts, const std::vector<In
     side.blockCount = std::clamp<std::size_t>(parts.size(), 1, mostBlocks);
     std::vector<std::uint32_t> blockOf(starts.size(), 0);
     for (std::size_t i = 0; i < parts.size(); ++i)
-        blockOf[parts[i].context] =
-            static_cast<std::uint32_t>(i * side.blockCount / parts.size());
+        blockOf[parts[i].context] = static_cast<std::uint32_t>(i * side.blockCount / parts.size());
     side.blocks.resize(starts.size());
     for (std::size_t i = 0; i < starts.size(); ++i)
         side.blocks[i] = starts[i] == none ? 0 : blockOf[starts[i]];
@@ -224,11 +224,11 @@ void AddRequests(Side& side) {
 
 /// A quantity of one run. On the scale of logarithms, where equal shares have equal lengths.
 struct Estimate {
-    double value = 0;    ///< nanoseconds
-    double below = 0;    ///< how far below it the true one may lie
-    double above = 0;    ///< how far above
+    double value = 0;     ///< nanoseconds
+    double below = 0;     ///< how far below it the true one may lie
+    double above = 0;     ///< how far above
     double deviation = 0; ///< the usual distance
-    bool isOnce = false; ///< of one part only: nothing is known of its variation
+    bool isOnce = false;  ///< of one part only: nothing is known of its variation
 };
 
 /// @return how a function of the blocks' weights varies among the bootstrap samples.
@@ -276,8 +276,7 @@ Estimate EstimateTotal(const Side& side, const Pieces& pieces, double chance) {
     estimate.deviation =
         Deviation(side, [&](const auto& weights) { return Weigh(weights, sums); }) /
         std::max(pieces.total, 1.0);
-    estimate.below = estimate.above =
-        estimate.deviation * StudentQuantile(chance, blocks - 1);
+    estimate.below = estimate.above = estimate.deviation * StudentQuantile(chance, blocks - 1);
     return estimate;
 }
 
@@ -332,7 +331,7 @@ struct Candidate {
     double needed = 0; ///< by how much everything else moved, and the machine may have
     bool isOnce = false;
     bool isNew = false; ///< or gone: of one run only, and not by chance
-    double added = 0;  ///< to the run's total, in nanoseconds
+    double added = 0;   ///< to the run's total, in nanoseconds
     const Pieces* before = nullptr;
     const Pieces* after = nullptr;
 
@@ -362,13 +361,8 @@ Candidate Compare(const Key& key, Quantity quantity, Side& before, Side& after, 
     Estimate now = estimate(after, *candidate.after);
     if (quantity == Quantity::Total)
         now.value *= scale;
-    candidate.result = {key.first,
-                        key.second,
-                        quantity,
-                        std::llround(old.value),
-                        std::llround(now.value),
-                        0,
-                        0};
+    candidate.result = {
+        key.first, key.second, quantity, std::llround(old.value), std::llround(now.value), 0, 0};
     candidate.move = Log(now.value) - Log(old.value);
     candidate.below = std::hypot(now.below, old.above);
     candidate.above = std::hypot(now.above, old.below);
@@ -389,7 +383,9 @@ Candidate Compare(const Key& key, Quantity quantity, Side& before, Side& after, 
 }
 
 /// What the other labels say of how far the two runs differ as a whole.
-void SetNeeded(std::vector<Candidate>& candidates, double drift) {
+/// @return the most of it.
+double SetNeeded(std::vector<Candidate>& candidates, double drift) {
+    double most = 0;
     for (Candidate& candidate : candidates) {
         std::vector<double> others;
         for (const Candidate& other : candidates)
@@ -399,12 +395,15 @@ void SetNeeded(std::vector<Candidate>& candidates, double drift) {
                 others.push_back(other.excess);
         double middle = 0;
         if (!others.empty()) {
-            const auto place = others.begin() + static_cast<std::ptrdiff_t>((others.size() - 1) / 2);
+            const auto place =
+                others.begin() + static_cast<std::ptrdiff_t>((others.size() - 1) / 2);
             std::nth_element(others.begin(), place, others.end());
             middle = *place;
         }
         candidate.needed = std::hypot(outstanding * middle, std::log1p(drift));
+        most = std::max(most, middle);
     }
+    return std::expm1(most);
 }
 
 bool HasAny(const std::set<NameId>& labels, const std::set<NameId>& wanted) {
@@ -419,8 +418,7 @@ std::vector<Candidate> Settle(std::vector<Candidate> changes) {
         if (change.result.kind == Kind::Label)
             largest = std::max(largest, std::abs(change.added));
     std::erase_if(changes, [&](const Candidate& change) {
-        return change.result.kind == Kind::Label &&
-               std::abs(change.added) < worthNaming * largest;
+        return change.result.kind == Kind::Label && std::abs(change.added) < worthNaming * largest;
     });
 
     // A scope that waits for others: what it gained, it gained while they were at work, and one of
@@ -494,8 +492,8 @@ Diff MakeDiff(const Model& model, const DiffOptions& options) {
 
     std::vector<std::pair<Key, Quantity>> wanted;
     for (const Key& key : keys) {
-        const std::size_t fewer = std::min(sides[0].pieces[key].samples.size(),
-                                           sides[1].pieces[key].samples.size());
+        const std::size_t fewer =
+            std::min(sides[0].pieces[key].samples.size(), sides[1].pieces[key].samples.size());
         const auto want = [&](Quantity quantity, bool isPossible) {
             if (isPossible)
                 wanted.emplace_back(key, quantity);
@@ -515,7 +513,7 @@ Diff MakeDiff(const Model& model, const DiffOptions& options) {
     for (const auto& [key, quantity] : wanted)
         candidates.push_back(Compare(key, quantity, sides[0], sides[1], scale,
                                      level / static_cast<double>(wanted.size())));
-    SetNeeded(candidates, options.drift);
+    diff.othersMoved = SetNeeded(candidates, options.drift);
     std::erase_if(candidates, [](const Candidate& candidate) { return !candidate.IsChange(); });
     candidates = Settle(std::move(candidates));
     std::stable_sort(candidates.begin(), candidates.end(),
