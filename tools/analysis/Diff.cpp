@@ -42,6 +42,9 @@ constexpr int deepest = 16; ///< how far requests are taken apart to get parts
 constexpr int samplesTaken = 400;
 constexpr double outstanding = 4; ///< times what the others moved
 
+/// What few slow pieces decide drifts so many times as far as what most of them do.
+constexpr double tailDrift = 3;
+
 // What occurs once has no variation to go by.
 constexpr double onceFactor = 5;
 constexpr double onceNanoseconds = 100e6;
@@ -49,6 +52,11 @@ constexpr double onceNanoseconds = 100e6;
 // Beside a large change, one that adds less than this share of it goes unnamed: threads that have
 // slept find their caches cold, for one.
 constexpr double worthNaming = 0.05;
+
+// Nor is what adds less than this to each piece, and less than that share to the run: the events of
+// nested scopes cost about as much, and count as self time.
+constexpr double eventNanoseconds = 1000;
+constexpr double worthOfRun = 0.02;
 
 double Log(double nanoseconds) {
     return std::log(std::max(nanoseconds, 1.0));
@@ -339,7 +347,8 @@ struct Candidate {
         if (isNew)
             return true;
         if (isOnce)
-            return std::abs(move) > std::max(needed, std::log(onceFactor)) &&
+            return result.kind == Kind::Label &&
+                   std::abs(move) > std::max(needed, std::log(onceFactor)) &&
                    std::abs(added) > onceNanoseconds &&
                    // What it had handed over took longer, and not itself.
                    std::abs(after->alone - before->alone) > std::abs(added) / 2;
@@ -400,7 +409,9 @@ double SetNeeded(std::vector<Candidate>& candidates, double drift) {
             std::nth_element(others.begin(), place, others.end());
             middle = *place;
         }
-        candidate.needed = std::hypot(outstanding * middle, std::log1p(drift));
+        const bool isRobust = candidate.result.quantity == Quantity::P50;
+        candidate.needed =
+            std::hypot(outstanding * middle, std::log1p(drift) * (isRobust ? 1 : tailDrift));
         most = std::max(most, middle);
     }
     return std::expm1(most);
@@ -412,7 +423,13 @@ bool HasAny(const std::set<NameId>& labels, const std::set<NameId>& wanted) {
 }
 
 /// Keeps of the changes those that nothing else accounts for.
-std::vector<Candidate> Settle(std::vector<Candidate> changes) {
+/// @param runTotal the self time of all labels.
+std::vector<Candidate> Settle(std::vector<Candidate> changes, double runTotal) {
+    std::erase_if(changes, [&](const Candidate& change) {
+        const auto pieces = static_cast<double>(change.after->samples.size());
+        return std::abs(change.added) < eventNanoseconds * pieces &&
+               std::abs(change.added) < worthOfRun * runTotal;
+    });
     double largest = 0;
     for (const Candidate& change : changes)
         if (change.result.kind == Kind::Label)
@@ -515,7 +532,10 @@ Diff MakeDiff(const Model& model, const DiffOptions& options) {
                                      level / static_cast<double>(wanted.size())));
     diff.othersMoved = SetNeeded(candidates, options.drift);
     std::erase_if(candidates, [](const Candidate& candidate) { return !candidate.IsChange(); });
-    candidates = Settle(std::move(candidates));
+    double runTotal = 0;
+    for (const auto& [key, pieces] : sides[0].pieces)
+        runTotal += key.first == Kind::Label ? pieces.total : 0;
+    candidates = Settle(std::move(candidates), runTotal);
     std::stable_sort(candidates.begin(), candidates.end(),
                      [](const Candidate& a, const Candidate& b) {
                          return std::abs(a.added) > std::abs(b.added);
