@@ -53,7 +53,7 @@ constexpr double onceNanoseconds = 100e6;
 
 // Beside a large change, one that adds less than this share of it goes unnamed: threads that have
 // slept find their caches cold, for one.
-constexpr double worthNaming = 0.05;
+constexpr double worthNaming = 0.1;
 
 // Nor is what adds less than this to each piece, and less than that share to the run: the events of
 // nested scopes cost about as much, and count as self time.
@@ -353,6 +353,15 @@ struct Candidate {
     const Pieces* before = nullptr;
     const Pieces* after = nullptr;
 
+    /// What the change of this quantity makes of the run's time, about.
+    double Worth() const {
+        const auto count = static_cast<double>(after->samples.size());
+        const auto change = std::abs(static_cast<double>(result.after - result.before));
+        return result.quantity == Quantity::Total ? change
+               : result.quantity == Quantity::P50 ? change * count
+                                                  : change * count / 100;
+    }
+
     bool IsChange() const {
         if (isNew)
             return true;
@@ -441,12 +450,16 @@ std::vector<Candidate> Settle(std::vector<Candidate> changes, double runTotal) {
         const double ofEach = change.result.quantity == Quantity::Total ? moved / pieces : moved;
         return ofEach < eventNanoseconds && ofEach * pieces < worthOfRun * runTotal;
     });
+    std::map<NameId, double> worth; // of each label
     double largest = 0;
     for (const Candidate& change : changes)
-        if (change.result.kind == Kind::Label)
-            largest = std::max(largest, std::abs(change.added));
+        if (change.result.kind == Kind::Label) {
+            worth[change.result.name] = std::max(worth[change.result.name], change.Worth());
+            largest = std::max(largest, change.Worth());
+        }
     std::erase_if(changes, [&](const Candidate& change) {
-        return change.result.kind == Kind::Label && std::abs(change.added) < worthNaming * largest;
+        return change.result.kind == Kind::Label &&
+               worth[change.result.name] < worthNaming * largest;
     });
 
     // A scope that waits for others: what it gained, it gained while they were at work, and one of
