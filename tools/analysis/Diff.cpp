@@ -54,6 +54,9 @@ constexpr double onceNanoseconds = 100e6;
 // Beside a large change, one that adds less than this share of it goes unnamed: threads that have
 // slept find their caches cold, for one.
 constexpr double worthNaming = 0.1;
+// And less than this, when it goes the other way: threads that sleep leave the processors to
+// others.
+constexpr double worthNamingOpposite = 0.5;
 
 // Nor is what adds less than this to each piece, and less than that share to the run: the events of
 // nested scopes cost about as much, and count as self time.
@@ -452,14 +455,18 @@ std::vector<Candidate> Settle(std::vector<Candidate> changes, double runTotal) {
     });
     std::map<NameId, double> worth; // of each label
     double largest = 0;
+    double largestMove = 0;
     for (const Candidate& change : changes)
         if (change.result.kind == Kind::Label) {
             worth[change.result.name] = std::max(worth[change.result.name], change.Worth());
-            largest = std::max(largest, change.Worth());
+            if (change.Worth() > largest) {
+                largest = change.Worth();
+                largestMove = change.move;
+            }
         }
     std::erase_if(changes, [&](const Candidate& change) {
-        return change.result.kind == Kind::Label &&
-               worth[change.result.name] < worthNaming * largest;
+        const double least = change.move * largestMove < 0 ? worthNamingOpposite : worthNaming;
+        return change.result.kind == Kind::Label && worth[change.result.name] < least * largest;
     });
 
     // A scope that waits for others: what it gained, it gained while they were at work, and one of
