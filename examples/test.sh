@@ -1,27 +1,9 @@
 #!/usr/bin/env bash
 # test.sh FOLDER: runs the examples that were built into the folder, and looks at what they say.
-set -euo pipefail
+# shellcheck source=tests/support/expect.sh
+source "$(dirname "$0")/../tests/support/expect.sh"
 
 programs=$1
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-cd "$work"
-
-fail() { echo "$*"; exit 1; }
-
-# expect STATUS COMMAND...: the command must end with this status; $said is what it printed.
-expect() {
-    local wanted=$1 status=0
-    shift
-    said=$("$@" 2>&1) || status=$?
-    ((status == wanted)) || fail "$*: status $status instead of $wanted: $said"
-}
-
-# says TEXT...: all of them must stand in $said.
-says() {
-    local text
-    for text; do [[ $said == *"$text"* ]] || fail "not said: $text, but: $said"; done
-}
 
 mkdir -p tree/inner
 printf 'one two\nthree' >tree/a.txt

@@ -66,6 +66,7 @@ public:
         return id == noName ? std::string_view() : m_texts[id];
     }
 
+    // As containers have it. NOLINTNEXTLINE(readability-identifier-naming)
     std::size_t size() const { return m_texts.size(); }
 
 private:

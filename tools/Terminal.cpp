@@ -28,8 +28,10 @@ std::size_t WindowSize(unsigned short winsize::*member, std::size_t otherwise) {
 } // namespace
 
 bool UsesColors() {
+    // NOLINTBEGIN(concurrency-mt-unsafe): nothing here changes the environment
     const char* const noColor = std::getenv("NO_COLOR");
     const char* const terminal = std::getenv("TERM");
+    // NOLINTEND(concurrency-mt-unsafe)
     return isatty(STDOUT_FILENO) == 1 && (noColor == nullptr || *noColor == '\0') &&
            (terminal == nullptr || std::string(terminal) != "dumb");
 }
@@ -103,7 +105,7 @@ LiveScreen::~LiveScreen() {
     close(wakeUp[1]);
 }
 
-void LiveScreen::Show(const std::function<void(std::ostream&)>& print) {
+void LiveScreen::Show(const std::function<void(std::ostream&)>& print) const {
     if (!m_isTerminal) {
         print(std::cout);
         std::cout.flush();
@@ -122,7 +124,7 @@ void LiveScreen::Show(const std::function<void(std::ostream&)>& print) {
     std::cout << frame << std::flush;
 }
 
-bool LiveScreen::Wait(double seconds) {
+bool LiveScreen::Wait(double seconds) const {
     using Clock = std::chrono::steady_clock;
     const auto end = Clock::now() + std::chrono::duration<double>(seconds);
     for (;;) {

@@ -47,10 +47,10 @@ public:
     LiveScreen(const LiveScreen&) = delete;
     LiveScreen& operator=(const LiveScreen&) = delete;
 
-    void Show(const std::function<void(std::ostream&)>& print);
+    void Show(const std::function<void(std::ostream&)>& print) const;
 
     /// @return false when it is time to end.
-    bool Wait(double seconds);
+    bool Wait(double seconds) const;
 
 private:
     bool m_isTerminal = false;

@@ -310,7 +310,7 @@ Estimate EstimateQuantile(const Side& side, const Pieces& pieces, unsigned thous
                           double chance) {
     const std::vector<Sample>& samples = pieces.samples;
     const auto count = static_cast<double>(samples.size());
-    const double value = static_cast<double>(samples[Rank(samples.size(), thousandths) - 1].value);
+    const auto value = static_cast<double>(samples[Rank(samples.size(), thousandths) - 1].value);
     Estimate estimate{.value = value};
     const unsigned blocks = BlocksWith(pieces);
     if (blocks < 2) {
@@ -555,11 +555,12 @@ Diff MakeDiff(const Model& model, const DiffOptions& options) {
         want(Quantity::Total, true);
     }
     diff.compared = wanted.size();
-    const double scale = sides[1].requests.empty()
+    const double scale = sides[0].requests.empty() || sides[1].requests.empty()
                              ? 1
                              : static_cast<double>(sides[0].requests.size()) /
                                    static_cast<double>(sides[1].requests.size());
     std::vector<Candidate> candidates;
+    candidates.reserve(wanted.size());
     for (const auto& [key, quantity] : wanted)
         candidates.push_back(Compare(key, quantity, sides[0], sides[1], scale,
                                      level / static_cast<double>(wanted.size())));

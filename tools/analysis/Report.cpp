@@ -199,7 +199,7 @@ void AddHandovers(const Model& model, Report& report) {
             handover.mostWaiting =
                 std::max<std::uint64_t>(handover.mostWaiting, started + 1 - ended);
         }
-        report.handovers.push_back(std::move(handover));
+        report.handovers.push_back(handover);
     });
     std::stable_sort(report.handovers.begin(), report.handovers.end(),
                      [](const Report::Handover& a, const Report::Handover& b) {
