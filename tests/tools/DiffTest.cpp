@@ -76,7 +76,6 @@ std::set<std::string> Named(unsigned seed, const Changes& before, const Changes&
     Model model;
     std::set<std::string> named;
     for (const Diff::Comparison& change : Compare(seed, before, after, model).changes) {
-            printf("n=%d %s q%d %ld %ld [%ld %ld]\n", before.requests,
         named.insert((change.kind == Diff::Kind::Request ? "request " : "label ") +
                      std::string(model.names[change.name]));
         EXPECT_LE(change.low, change.high);
