@@ -233,17 +233,12 @@ public:
 
     void Make() {
         Collect();
-        std::vector<std::pair<std::int64_t, Lane*>> order;
-        for (auto& [tid, lane] : m_lanes)
-            order.emplace_back(tid, &lane);
-        // By their first event; what has no thread stands behind.
-        std::stable_sort(order.begin(), order.end(), [](const auto& a, const auto& b) {
-            return std::tuple(a.first < 0, a.second->first) <
-                   std::tuple(b.first < 0, b.second->first);
-        });
         const auto firstContext = static_cast<Index>(m_timeline->contexts.size());
-        for (auto& [tid, lane] : order)
-            MakeLane(tid, *lane);
+        // By their numbers; what has no thread stands behind.
+        for (auto lane = m_lanes.lower_bound(0); lane != m_lanes.end(); ++lane)
+            MakeLane(lane->first, lane->second);
+        for (auto lane = m_lanes.begin(); lane != m_lanes.lower_bound(0); ++lane)
+            MakeLane(lane->first, lane->second);
         AddContexts(firstContext);
     }
 
@@ -260,7 +255,6 @@ private:
     struct Lane {
         std::vector<Part> parts;
         Intervals rest; ///< when what is not kept was open
-        std::uint64_t first = never;
     };
 
     std::uint64_t Time(std::uint64_t stamp) const { return stamp + m_shift; }
@@ -283,7 +277,6 @@ private:
             if (!piece.isKept && (isMark || !IsShown(i)))
                 continue;
             Lane& lane = m_lanes[isMark ? Timeline::neverOpened : context.tid];
-            lane.first = std::min(lane.first, own.begin);
             if (!piece.isKept) {
                 lane.rest.emplace_back(own.begin, own.end);
                 continue;
