@@ -26,14 +26,17 @@ struct Piece {
     Index number = none; ///< its place in Timeline::contexts
 };
 
-std::uint64_t CostOf(const Context& context) {
-    return 1ULL + context.scopeCount + context.attributeCount + context.customCount;
-}
-
 /// The first scope of a context bears its name and spans its use: its slice would be drawn twice.
 bool IsOwnScope(const Run& run, const Context& context, Index scope) {
     return scope == context.firstScope && context.name != noName &&
            run.scopes[scope].label == context.name && run.scopes[scope].parent == none;
+}
+
+/// How much the page has to hold of a context.
+std::uint64_t CostOf(const Run& run, const Context& context) {
+    const bool hasOwnScope = context.scopeCount > 0 && IsOwnScope(run, context, context.firstScope);
+    return (hasOwnScope ? 0ULL : 1ULL) + context.scopeCount + context.attributeCount +
+           context.customCount;
 }
 
 /// The request of each context: itself, or that of its parent.
@@ -107,7 +110,7 @@ private:
             for (std::size_t i = 0; i < pieces[run].size(); ++i) {
                 const Index request = pieces[run][i].request;
                 (request == none ? outside : m_requests[m_places[run][request]].cost) +=
-                    CostOf(m_model->runs[run].contexts[i]);
+                    CostOf(m_model->runs[run], m_model->runs[run].contexts[i]);
             }
         return outside;
     }
@@ -263,7 +266,7 @@ private:
     bool IsShown(Index i) const {
         const Context& context = m_run->contexts[i];
         if (i == m_run->client)
-            return CostOf(context) > 1 && context.opened != never;
+            return CostOf(*m_run, context) > 1 && context.opened != never;
         return context.created != never || context.opened != never || context.scopeCount > 0;
     }
 

@@ -85,7 +85,7 @@ struct TimelineOptions {
     /// How many slices, attributes and events to keep. Beyond that, only the slowest requests of
     /// each name stay, whole, and the others become what `busy` tells. The slowest in a hundred
     /// stay in any case.
-    std::uint64_t keep = 1'500'000;
+    std::uint64_t keep = 1'250'000;
 };
 
 /// @return views into the model, which must outlive it.
