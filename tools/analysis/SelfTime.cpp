@@ -1,0 +1,75 @@
+#include "SelfTime.h"
+
+#include <algorithm>
+
+namespace Metrics::tools {
+
+namespace {
+
+struct Piece {
+    std::uint64_t start;
+    std::uint64_t end;
+    Index inside; ///< of this scope
+};
+
+Index NearestWhole(const Run& run, Index scope) {
+    while (scope != none && !run.scopes[scope].IsWhole())
+        scope = run.scopes[scope].parent;
+    return scope;
+}
+
+/// What stands inside of a context's scopes, in the order in which it began.
+void CollectPieces(const Run& run, const Context& context, std::vector<Piece>& pieces) {
+    pieces.clear();
+    for (const Scope& scope : run.ScopesOf(context)) {
+        const Index inside = scope.IsWhole() ? NearestWhole(run, scope.parent) : none;
+        if (inside != none)
+            pieces.push_back({scope.start, scope.end, inside});
+    }
+    for (const Index index : run.ChildrenOf(context)) {
+        const Context& child = run.contexts[index];
+        if (!child.IsWhole() || child.tid == noThread || child.tid != context.tid)
+            continue;
+        const Index inside = NearestWhole(run, child.openedIn);
+        if (inside != none)
+            pieces.push_back({child.opened, child.closed, inside});
+    }
+    const auto earlier = [](const Piece& a, const Piece& b) { return a.start < b.start; };
+    if (!std::is_sorted(pieces.begin(), pieces.end(), earlier))
+        std::stable_sort(pieces.begin(), pieces.end(), earlier);
+}
+
+} // namespace
+
+std::vector<std::uint64_t> SelfTimes(const Run& run) {
+    std::vector<std::uint64_t> self(run.scopes.size());
+    std::vector<std::uint64_t> covered(run.scopes.size()); // up to here
+    for (std::size_t i = 0; i < run.scopes.size(); ++i)
+        if (run.scopes[i].IsWhole()) {
+            self[i] = run.scopes[i].Duration();
+            covered[i] = run.scopes[i].start;
+        }
+    std::vector<Piece> pieces;
+    for (const Context& context : run.contexts) {
+        CollectPieces(run, context, pieces);
+        for (const Piece& piece : pieces) {
+            // Each moment counts once, and what goes on behind the end of the scope does not.
+            const std::uint64_t start = std::max(piece.start, covered[piece.inside]);
+            const std::uint64_t end = std::min(piece.end, run.scopes[piece.inside].end);
+            self[piece.inside] -= Between(start, end);
+            covered[piece.inside] = std::max(covered[piece.inside], end);
+        }
+    }
+    return self;
+}
+
+bool IsRecursive(const Run& run, const Scope& scope) {
+    for (Index i = scope.parent; i != none; i = run.scopes[i].parent) {
+        const Scope& around = run.scopes[i];
+        if (around.label == scope.label && around.IsWhole() && around.end >= scope.start)
+            return true;
+    }
+    return false;
+}
+
+} // namespace Metrics::tools
