@@ -14,8 +14,8 @@ namespace Metrics::tools {
 struct LoadObserver {
     std::function<void(const std::string& message)> problem = [](const std::string&) {};
     /// Now and then; the share of the file that was read, negative when that is not known.
-    std::function<void(const std::string& path, double share)> progress =
-        [](const std::string&, double) {};
+    std::function<void(const std::string& path, double share)> progress = [](const std::string&,
+                                                                             double) {};
 };
 
 /// Reads the files into one model. A file that cannot be read is a problem, and becomes no run; of

@@ -22,8 +22,9 @@ void AddRun(const Run& run, Check& check) {
         check.openAtEnd.push_back(unfinished);
     }
     for (const Scope& scope : run.scopes) {
-        const bool isUnmatched = scope.start == never ||
-                                 (scope.end == never && run.contexts[scope.context].closed != never);
+        const bool isUnmatched =
+            scope.start == never ||
+            (scope.end == never && run.contexts[scope.context].closed != never);
         if (isUnmatched) {
             ++check.unmatchedScopes;
             ++check.unmatchedByLabel[scope.label];

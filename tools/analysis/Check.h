@@ -15,7 +15,7 @@ struct Check {
         std::uint64_t context = 0;
         NameId name = noName;
         NameId scope = noName; ///< the innermost one that is open
-        std::uint64_t age = 0;   ///< nanoseconds from its opening to the last event of the run
+        std::uint64_t age = 0; ///< nanoseconds from its opening to the last event of the run
     };
     /// Work that was handed over, and that nobody took.
     struct NeverOpened {

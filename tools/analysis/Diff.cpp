@@ -15,9 +15,10 @@
 
 // How a change is told from noise.
 //
-// 1. The pieces of one request depend on each other, and requests that follow each other may too. So
-//    what is resampled are blocks of whole requests that follow each other; of their children, where
-//    there are too few requests.
+// 1. The pieces of one request depend on each other, and requests that follow each other may too.
+// So
+//    what is resampled are blocks of whole requests that follow each other; of their children,
+//    where there are too few requests.
 // 2. A quantile's interval is that between two ranks: the share of pieces below it varies from one
 //    bootstrap sample to the next, and the values at the ends of that range bound it. Unlike the
 //    quantile's own variation this also holds where values stand in two heaps. A total's comes from
@@ -41,6 +42,9 @@ constexpr int deepest = 16; ///< how far requests are taken apart to get parts
 constexpr int samplesTaken = 400;
 constexpr double outstanding = 4; ///< times what the others moved
 
+/// What few slow pieces decide drifts so many times as far as what most of them do.
+constexpr double tailDrift = 3;
+
 // What occurs once has no variation to go by.
 constexpr double onceFactor = 5;
 constexpr double onceNanoseconds = 100e6;
@@ -48,6 +52,11 @@ constexpr double onceNanoseconds = 100e6;
 // Beside a large change, one that adds less than this share of it goes unnamed: threads that have
 // slept find their caches cold, for one.
 constexpr double worthNaming = 0.05;
+
+// Nor is what adds less than this to each piece, and less than that share to the run: the events of
+// nested scopes cost about as much, and count as self time.
+constexpr double eventNanoseconds = 1000;
+constexpr double worthOfRun = 0.02;
 
 double Log(double nanoseconds) {
     return std::log(std::max(nanoseconds, 1.0));
@@ -62,7 +71,7 @@ struct Sample {
 struct Pieces {
     std::vector<Sample> samples;
     double total = 0;
-    double alone = 0; ///< of the total, what passed while no work handed over was going on
+    double alone = 0;        ///< of the total, what passed while no work handed over was going on
     std::set<NameId> within; ///< labels: of contexts below; requests: of all of it
 };
 
@@ -125,8 +134,7 @@ void MakeBlocks(Side& side, const std::vector<Part>& parts, const std::vector<In
     side.blockCount = std::clamp<std::size_t>(parts.size(), 1, mostBlocks);
     std::vector<std::uint32_t> blockOf(starts.size(), 0);
     for (std::size_t i = 0; i < parts.size(); ++i)
-        blockOf[parts[i].context] =
-            static_cast<std::uint32_t>(i * side.blockCount / parts.size());
+        blockOf[parts[i].context] = static_cast<std::uint32_t>(i * side.blockCount / parts.size());
     side.blocks.resize(starts.size());
     for (std::size_t i = 0; i < starts.size(); ++i)
         side.blocks[i] = starts[i] == none ? 0 : blockOf[starts[i]];
@@ -224,11 +232,11 @@ void AddRequests(Side& side) {
 
 /// A quantity of one run. On the scale of logarithms, where equal shares have equal lengths.
 struct Estimate {
-    double value = 0;    ///< nanoseconds
-    double below = 0;    ///< how far below it the true one may lie
-    double above = 0;    ///< how far above
+    double value = 0;     ///< nanoseconds
+    double below = 0;     ///< how far below it the true one may lie
+    double above = 0;     ///< how far above
     double deviation = 0; ///< the usual distance
-    bool isOnce = false; ///< of one part only: nothing is known of its variation
+    bool isOnce = false;  ///< of one part only: nothing is known of its variation
 };
 
 /// @return how a function of the blocks' weights varies among the bootstrap samples.
@@ -276,8 +284,7 @@ Estimate EstimateTotal(const Side& side, const Pieces& pieces, double chance) {
     estimate.deviation =
         Deviation(side, [&](const auto& weights) { return Weigh(weights, sums); }) /
         std::max(pieces.total, 1.0);
-    estimate.below = estimate.above =
-        estimate.deviation * StudentQuantile(chance, blocks - 1);
+    estimate.below = estimate.above = estimate.deviation * StudentQuantile(chance, blocks - 1);
     return estimate;
 }
 
@@ -332,7 +339,7 @@ struct Candidate {
     double needed = 0; ///< by how much everything else moved, and the machine may have
     bool isOnce = false;
     bool isNew = false; ///< or gone: of one run only, and not by chance
-    double added = 0;  ///< to the run's total, in nanoseconds
+    double added = 0;   ///< to the run's total, in nanoseconds
     const Pieces* before = nullptr;
     const Pieces* after = nullptr;
 
@@ -340,7 +347,8 @@ struct Candidate {
         if (isNew)
             return true;
         if (isOnce)
-            return std::abs(move) > std::max(needed, std::log(onceFactor)) &&
+            return result.kind == Kind::Label &&
+                   std::abs(move) > std::max(needed, std::log(onceFactor)) &&
                    std::abs(added) > onceNanoseconds &&
                    // What it had handed over took longer, and not itself.
                    std::abs(after->alone - before->alone) > std::abs(added) / 2;
@@ -362,13 +370,8 @@ Candidate Compare(const Key& key, Quantity quantity, Side& before, Side& after, 
     Estimate now = estimate(after, *candidate.after);
     if (quantity == Quantity::Total)
         now.value *= scale;
-    candidate.result = {key.first,
-                        key.second,
-                        quantity,
-                        std::llround(old.value),
-                        std::llround(now.value),
-                        0,
-                        0};
+    candidate.result = {
+        key.first, key.second, quantity, std::llround(old.value), std::llround(now.value), 0, 0};
     candidate.move = Log(now.value) - Log(old.value);
     candidate.below = std::hypot(now.below, old.above);
     candidate.above = std::hypot(now.above, old.below);
@@ -389,7 +392,9 @@ Candidate Compare(const Key& key, Quantity quantity, Side& before, Side& after, 
 }
 
 /// What the other labels say of how far the two runs differ as a whole.
-void SetNeeded(std::vector<Candidate>& candidates, double drift) {
+/// @return the most of it.
+double SetNeeded(std::vector<Candidate>& candidates, double drift) {
+    double most = 0;
     for (Candidate& candidate : candidates) {
         std::vector<double> others;
         for (const Candidate& other : candidates)
@@ -399,12 +404,17 @@ void SetNeeded(std::vector<Candidate>& candidates, double drift) {
                 others.push_back(other.excess);
         double middle = 0;
         if (!others.empty()) {
-            const auto place = others.begin() + static_cast<std::ptrdiff_t>((others.size() - 1) / 2);
+            const auto place =
+                others.begin() + static_cast<std::ptrdiff_t>((others.size() - 1) / 2);
             std::nth_element(others.begin(), place, others.end());
             middle = *place;
         }
-        candidate.needed = std::hypot(outstanding * middle, std::log1p(drift));
+        const bool isRobust = candidate.result.quantity == Quantity::P50;
+        candidate.needed =
+            std::hypot(outstanding * middle, std::log1p(drift) * (isRobust ? 1 : tailDrift));
+        most = std::max(most, middle);
     }
+    return std::expm1(most);
 }
 
 bool HasAny(const std::set<NameId>& labels, const std::set<NameId>& wanted) {
@@ -413,14 +423,19 @@ bool HasAny(const std::set<NameId>& labels, const std::set<NameId>& wanted) {
 }
 
 /// Keeps of the changes those that nothing else accounts for.
-std::vector<Candidate> Settle(std::vector<Candidate> changes) {
+/// @param runTotal the self time of all labels.
+std::vector<Candidate> Settle(std::vector<Candidate> changes, double runTotal) {
+    std::erase_if(changes, [&](const Candidate& change) {
+        const auto pieces = static_cast<double>(change.after->samples.size());
+        return std::abs(change.added) < eventNanoseconds * pieces &&
+               std::abs(change.added) < worthOfRun * runTotal;
+    });
     double largest = 0;
     for (const Candidate& change : changes)
         if (change.result.kind == Kind::Label)
             largest = std::max(largest, std::abs(change.added));
     std::erase_if(changes, [&](const Candidate& change) {
-        return change.result.kind == Kind::Label &&
-               std::abs(change.added) < worthNaming * largest;
+        return change.result.kind == Kind::Label && std::abs(change.added) < worthNaming * largest;
     });
 
     // A scope that waits for others: what it gained, it gained while they were at work, and one of
@@ -494,8 +509,8 @@ Diff MakeDiff(const Model& model, const DiffOptions& options) {
 
     std::vector<std::pair<Key, Quantity>> wanted;
     for (const Key& key : keys) {
-        const std::size_t fewer = std::min(sides[0].pieces[key].samples.size(),
-                                           sides[1].pieces[key].samples.size());
+        const std::size_t fewer =
+            std::min(sides[0].pieces[key].samples.size(), sides[1].pieces[key].samples.size());
         const auto want = [&](Quantity quantity, bool isPossible) {
             if (isPossible)
                 wanted.emplace_back(key, quantity);
@@ -515,9 +530,12 @@ Diff MakeDiff(const Model& model, const DiffOptions& options) {
     for (const auto& [key, quantity] : wanted)
         candidates.push_back(Compare(key, quantity, sides[0], sides[1], scale,
                                      level / static_cast<double>(wanted.size())));
-    SetNeeded(candidates, options.drift);
+    diff.othersMoved = SetNeeded(candidates, options.drift);
     std::erase_if(candidates, [](const Candidate& candidate) { return !candidate.IsChange(); });
-    candidates = Settle(std::move(candidates));
+    double runTotal = 0;
+    for (const auto& [key, pieces] : sides[0].pieces)
+        runTotal += key.first == Kind::Label ? pieces.total : 0;
+    candidates = Settle(std::move(candidates), runTotal);
     std::stable_sort(candidates.begin(), candidates.end(),
                      [](const Candidate& a, const Candidate& b) {
                          return std::abs(a.added) > std::abs(b.added);

@@ -29,13 +29,15 @@ struct Diff {
     std::vector<Comparison> changes; ///< what adds most to the run first
     std::uint64_t compared = 0;
     std::uint64_t tooFew = 0; ///< quantities that have too few samples to be compared
+    double othersMoved = 0;   ///< the share by which half of the labels moved, and more
     std::uint64_t parts = 0;  ///< how many were resampled, in the run that has fewer
     bool areRequests = true;  ///< the parts; otherwise there are too few, and it is their children
 };
 
 struct DiffOptions {
     std::string request; ///< the name of the contexts to take as requests; empty for the roots
-    /// By how much, as a share, two equal runs may differ as a whole: the machine's clock rate, say.
+    /// By how much, as a share, two equal runs may differ as a whole: the machine's clock rate,
+    /// say.
     double drift = 0.1;
 };
 

@@ -35,6 +35,7 @@ inline std::optional<Nanoseconds> Quantile(const std::vector<Nanoseconds>& sorte
 struct Distribution {
     std::size_t count = 0;
     Nanoseconds sum = 0;
+    Nanoseconds mean = 0;
     std::optional<Nanoseconds> p50;
     std::optional<Nanoseconds> p90;
     std::optional<Nanoseconds> p99;
@@ -45,8 +46,10 @@ struct Distribution {
 /// Sorts the samples.
 inline Distribution Distribute(std::vector<Nanoseconds>& samples) {
     std::sort(samples.begin(), samples.end());
+    const Nanoseconds sum = std::accumulate(samples.begin(), samples.end(), Nanoseconds{0});
     return {samples.size(),
-            std::accumulate(samples.begin(), samples.end(), Nanoseconds{0}),
+            sum,
+            samples.empty() ? 0 : sum / samples.size(),
             Quantile(samples, 500),
             Quantile(samples, 900),
             Quantile(samples, 990),

@@ -74,10 +74,9 @@ void AddTail(const Model& model, const SelfTimesByRun& self, NameId name,
              std::vector<RequestSample>& samples, const Distribution& durations, Report& report) {
     if (!durations.p99)
         return;
-    std::stable_sort(samples.begin(), samples.end(),
-                     [](const RequestSample& a, const RequestSample& b) {
-                         return a.duration < b.duration;
-                     });
+    std::stable_sort(
+        samples.begin(), samples.end(),
+        [](const RequestSample& a, const RequestSample& b) { return a.duration < b.duration; });
     TreeSums median(model, self);
     TreeSums tail(model, self);
     bool hasTail = false;
@@ -93,13 +92,19 @@ void AddTail(const Model& model, const SelfTimesByRun& self, NameId name,
     if (!hasTail) // the slowest ones are all alike
         return;
     const auto begin = static_cast<std::ptrdiff_t>(report.tail.size());
+    double difference = 0;
     for (NameId i = 0; i <= model.names.size(); ++i) {
         const NameId part = i == model.names.size() ? Report::TailPart::waiting : i;
         const Nanoseconds medianTime = median.Mean(part);
         const Nanoseconds tailTime = tail.Mean(part);
-        if (medianTime != 0 || tailTime != 0)
-            report.tail.push_back({name, part, medianTime, tailTime});
+        if (medianTime == 0 && tailTime == 0)
+            continue;
+        const double more = static_cast<double>(tailTime) - static_cast<double>(medianTime);
+        report.tail.push_back({name, part, medianTime, tailTime, more});
+        difference += more;
     }
+    for (auto part = report.tail.begin() + begin; part != report.tail.end(); ++part)
+        part->share = difference > 0 ? part->share / difference : 0;
     std::stable_sort(report.tail.begin() + begin, report.tail.end(),
                      [](const Report::TailPart& a, const Report::TailPart& b) {
                          return a.tail + b.median > b.tail + a.median;
@@ -203,9 +208,9 @@ void AddHandovers(const Model& model, Report& report) {
 }
 
 void AddThreads(const Model& model, Report& report) {
-    for (Index r = 0; r < model.runs.size(); ++r) {
+    for (const Run& run : model.runs) {
         std::map<std::int64_t, std::vector<std::pair<std::uint64_t, std::uint64_t>>> byThread;
-        for (const Context& context : model.runs[r].contexts)
+        for (const Context& context : run.contexts)
             if (context.tid != noThread && context.IsWhole())
                 byThread[context.tid].emplace_back(context.opened, context.closed);
         for (auto& [tid, pieces] : byThread) {
@@ -216,7 +221,10 @@ void AddThreads(const Model& model, Report& report) {
                 busy += Between(std::max(start, covered), end);
                 covered = std::max(covered, end);
             }
-            report.threads.push_back({r, tid, busy});
+            const Nanoseconds elapsed = Between(run.begin, run.end);
+            report.threads.push_back({run.path, tid, busy,
+                                      static_cast<double>(busy) /
+                                          static_cast<double>(std::max<Nanoseconds>(elapsed, 1))});
         }
     }
     std::stable_sort(

@@ -28,9 +28,10 @@ struct Report {
         std::uint64_t mostWaiting = 0; ///< at one moment
     };
     struct Thread {
-        Index run = 0;
+        std::string path; ///< of the run
         std::int64_t tid = noThread;
         Nanoseconds busy = 0;
+        double share = 0; ///< of the run's time
     };
     /// How much one part of the work adds to a request, on average over the requests in the middle
     /// and over the slowest ones.
@@ -40,6 +41,7 @@ struct Report {
         NameId part = waiting;
         Nanoseconds median = 0;
         Nanoseconds tail = 0;
+        double share = 0; ///< of all that the tail has more; negative where it has less
     };
 
     std::uint64_t runs = 0;

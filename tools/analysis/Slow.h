@@ -17,8 +17,8 @@ struct ScopeTree {
     std::vector<ScopeTree> scopes;
 };
 
-/// A context, its scopes, and the contexts that it is the parent of, in the order in which they were
-/// opened; those that were never opened stand last.
+/// A context, its scopes, and the contexts that it is the parent of, in the order in which they
+/// were opened; those that were never opened stand last.
 struct ContextTree {
     const Run* run = nullptr;
     const Context* context = nullptr;

@@ -95,11 +95,11 @@ Top TopFollower::Take() {
         if (!context.isOpen && id != m_client)
             ++top.waiting;
         if (context.isOpen && IsRequest(id, context))
-            top.inFlight.push_back(
-                {id, std::string(m_names[context.name]),
-                 context.scopes.empty() ? std::string()
+            top.inFlight.push_back({id, std::string(m_names[context.name]),
+                                    context.scopes.empty()
+                                        ? std::string()
                                         : std::string(m_names[context.scopes.back().label]),
-                 m_now - std::min(m_now, context.opened)});
+                                    m_now - std::min(m_now, context.opened)});
     }
     std::sort(top.inFlight.begin(), top.inFlight.end(),
               [](const Top::InFlight& a, const Top::InFlight& b) {

@@ -35,8 +35,8 @@ struct Top {
     std::uint64_t requestsEnded = 0;
     std::optional<Nanoseconds> requestP50;
     std::optional<Nanoseconds> requestP99;
-    std::uint64_t waiting = 0; ///< contexts that were created and not opened
-    std::vector<Label> labels; ///< what took longest first
+    std::uint64_t waiting = 0;      ///< contexts that were created and not opened
+    std::vector<Label> labels;      ///< what took longest first
     std::vector<InFlight> inFlight; ///< requests, the oldest first
 };
 
@@ -70,9 +70,9 @@ private:
     Names m_names;
     std::unordered_map<std::uint64_t, LiveContext> m_live;
     std::uint64_t m_client = 0;
-    std::uint64_t m_now = 0;       ///< the highest stamp
-    std::uint64_t m_lastTake = 0;  ///< and what it was
-    std::uint64_t m_events = 0;    ///< since then, as what follows
+    std::uint64_t m_now = 0;      ///< the highest stamp
+    std::uint64_t m_lastTake = 0; ///< and what it was
+    std::uint64_t m_events = 0;   ///< since then, as what follows
     std::vector<Nanoseconds> m_requests;
     std::unordered_map<NameId, std::vector<Nanoseconds>> m_ended;
 };

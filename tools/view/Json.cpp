@@ -117,12 +117,12 @@ Json ToJson(const Report& report, const Names& names) {
         threads.push_back({{"tid", thread.tid}, {"busy_ns", thread.busy}});
     Json tail = Json::array();
     for (const Report::TailPart& part : report.tail)
-        tail.push_back({{"request", NameOf(names, part.request)},
-                        {"part", part.part == Report::TailPart::waiting
-                                     ? Json("waiting to be opened")
-                                     : NameOf(names, part.part)},
-                        {"median_ns", part.median},
-                        {"tail_ns", part.tail}});
+        tail.push_back(
+            {{"request", NameOf(names, part.request)},
+             {"part", part.part == Report::TailPart::waiting ? Json("waiting to be opened")
+                                                             : NameOf(names, part.part)},
+             {"median_ns", part.median},
+             {"tail_ns", part.tail}});
     return {{"runs", report.runs},
             {"events", report.events},
             {"requests", std::move(requests)},
@@ -184,14 +184,10 @@ Json ToJson(const Top& top) {
                             {"name", request.name.empty() ? Json() : Json(request.name)},
                             {"scope", request.scope.empty() ? Json() : Json(request.scope)},
                             {"age_ns", request.age}});
-    return {{"interval_ns", top.interval},
-            {"events", top.events},
-            {"requests", top.requestsEnded},
-            {"p50_ns", OrNull(top.requestP50)},
-            {"p99_ns", OrNull(top.requestP99)},
-            {"waiting", top.waiting},
-            {"labels", std::move(labels)},
-            {"in_flight", std::move(inFlight)}};
+    return {{"interval_ns", top.interval},      {"events", top.events},
+            {"requests", top.requestsEnded},    {"p50_ns", OrNull(top.requestP50)},
+            {"p99_ns", OrNull(top.requestP99)}, {"waiting", top.waiting},
+            {"labels", std::move(labels)},      {"in_flight", std::move(inFlight)}};
 }
 
 } // namespace Metrics::tools

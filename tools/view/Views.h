@@ -17,9 +17,9 @@ namespace Metrics::tools {
 
 struct Style {
     bool colors = false;
-    std::size_t width = 100;    ///< of the terminal, in columns
-    std::size_t mostRows = 20;  ///< of a table; 0 for all
-    bool withEvents = false;    ///< attributes and events too
+    std::size_t width = 100;   ///< of the terminal, in columns
+    std::size_t mostRows = 20; ///< of a table; 0 for all
+    bool withEvents = false;   ///< attributes and events too
 };
 
 void PrintText(std::ostream& out, const Report& report, const Names& names, const Style& style);
