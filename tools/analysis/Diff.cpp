@@ -426,9 +426,12 @@ bool HasAny(const std::set<NameId>& labels, const std::set<NameId>& wanted) {
 /// @param runTotal the self time of all labels.
 std::vector<Candidate> Settle(std::vector<Candidate> changes, double runTotal) {
     std::erase_if(changes, [&](const Candidate& change) {
-        const auto pieces = static_cast<double>(change.after->samples.size());
-        return std::abs(change.added) < eventNanoseconds * pieces &&
-               std::abs(change.added) < worthOfRun * runTotal;
+        const auto pieces =
+            static_cast<double>(std::max<std::size_t>(change.after->samples.size(), 1));
+        const double moved = std::abs(static_cast<double>(change.result.after) -
+                                      static_cast<double>(change.result.before));
+        const double ofEach = change.result.quantity == Quantity::Total ? moved / pieces : moved;
+        return ofEach < eventNanoseconds && ofEach * pieces < worthOfRun * runTotal;
     });
     double largest = 0;
     for (const Candidate& change : changes)
