@@ -2,12 +2,12 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <fstream>
 #include <initializer_list>
 #include <iostream>
 #include <stdexcept>
 #include <string_view>
+#include <system_error>
 
 #include <zlib.h>
 
@@ -201,7 +201,7 @@ void WriteTimelinePage(const Timeline& timeline, const std::string& path) {
     std::ostream& out = path == "-" ? std::cout : file;
     out << page << std::flush;
     if (!out)
-        throw std::runtime_error("cannot write '" + path + "': " + std::strerror(errno));
+        throw std::system_error(errno, std::generic_category(), "cannot write '" + path + "'");
 }
 
 } // namespace Metrics::tools

@@ -120,6 +120,12 @@ class Page(unittest.TestCase):
     def box(self):
         return [int(number) for number in self.browser.state()["box"].split()]
 
+    def colour(self, x, y):
+        self.browser.wait("true")
+        return tuple(self.browser.run(
+            "return [...document.querySelector('#view').getContext('2d').getImageData(arguments[0], arguments[1], 1, 1).data]",
+            round(x), round(y)))
+
     def find(self, text):
         """Selects what is found first, and leaves the field."""
         self.search(text)
@@ -140,11 +146,39 @@ class Page(unittest.TestCase):
                                  ("other", 41_000, 51_000)):
             with self.subTest(text):
                 self.find(text)
-                left, _, wide, _ = self.box()
+                left, top, wide, _ = self.box()
                 at = lambda time: 150 + time / 100_000 * (width - 150)
                 self.assertAlmostEqual(left, at(begin), delta=1.5)
                 self.assertAlmostEqual(left + wide, at(end), delta=1.5)
                 self.browser.keys("Escape")
+
+        colours = [self.colour(x, y) for x, y in ((left + 4, top + 1), (left + wide / 2, top + 20), (left - 4, top + 20))]
+        self.assertEqual(len(set(colours)), 3)  # its edge, the bar, and nothing
+
+    def test_shows_a_slow_piece_from_afar(self):
+        many = Recording(100, 1_700_000_000_000_000)
+        many.context(2, 1, 1_000, 2_000, 900_000_000, 100, "job")
+        for i in range(40_000):
+            many.scope(2, "slow" if i == 25_000 else "fast", 20_000 * i + 3_000, 20_000 * i + (8_000 if i == 25_000 else 3_100))
+        many.write(self.folder / "many.csv")
+        self.open("many.csv")
+        self.find("slow")
+        left, top, width, height = self.box()
+        self.browser.keys("Escape", "Escape", "/", "Escape")
+        slow, fast, other = (self.colour(left + x, top + height - 6) for x in (0, 5, 10))
+        self.assertEqual(fast, other)
+        self.assertNotEqual(slow, fast)
+        self.click(left, top + 8)
+        self.assertEqual(self.browser.state()["selected"], "slow")
+
+    def test_draws_an_arrow_for_a_hand_over(self):
+        self.open()
+        self.assertEqual(self.browser.state()["arrows"], "1")
+        self.find("prepare")
+        self.assertEqual(self.browser.state()["arrows"], "1")
+        self.find("stuck")
+        self.browser.keys("a")
+        self.assertEqual(self.browser.state()["arrows"], "0")
 
     def test_a_click_lights_the_request_on_every_thread_and_shows_its_attributes(self):
         self.open()
