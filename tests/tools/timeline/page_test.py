@@ -159,15 +159,15 @@ class Page(unittest.TestCase):
         many = Recording(100, 1_700_000_000_000_000)
         many.context(2, 1, 1_000, 2_000, 900_000_000, 100, "job")
         for i in range(40_000):
-            many.scope(2, "slow" if i == 25_000 else "fast", 20_000 * i + 3_000, 20_000 * i + (8_000 if i == 25_000 else 3_100))
+            many.scope(2, "slow" if i == 25_100 else "fast", 20_000 * i + 3_000, 20_000 * i + (8_000 if i == 25_100 else 3_100))
         many.write(self.folder / "many.csv")
         self.open("many.csv")
         self.find("slow")
         left, top, width, height = self.box()
         self.browser.keys("Escape", "Escape", "/", "Escape")
-        slow, fast, other = (self.colour(left + x, top + height - 6) for x in (0, 5, 10))
+        here, beside, fast, other = (self.colour(left + x, top + height - 6) for x in (0, -1, 5, 10))
         self.assertEqual(fast, other)
-        self.assertNotEqual(slow, fast)
+        self.assertNotEqual({here, beside}, {fast})
         self.click(left, top + 8)
         self.assertEqual(self.browser.state()["selected"], "slow")
 
@@ -268,6 +268,12 @@ class Page(unittest.TestCase):
         self.assertAlmostEqual(left, at, delta=1.5)
         self.find("stuck")
         self.assertGreater(self.box()[1], top)
+        self.browser.keys("Escape")
+        self.find("part")
+        left, top, *_ = self.box()
+        self.browser.keys("Escape")
+        waiting = {self.colour(left - 20 + x, top + 5) for x in range(8)}
+        self.assertEqual(len(waiting), 2)  # hatched
 
     def test_takes_the_requests_of_a_name(self):
         self.open("one.csv", options=["--request", "part"])
