@@ -70,11 +70,8 @@ public:
         struct stat status {};
         if (fstat(m_file, &status) == 0 && S_ISREG(status.st_mode))
             m_size = static_cast<std::uint64_t>(status.st_size);
-        while (m_rest.find('\n') == std::string::npos && m_rest.size() <= header.size() && Fill()) {
-        }
-        if (m_rest.substr(0, header.size() + 1) != std::string(header) + '\n')
-            throw ReadError(m_path + ":1: not the header of a file of events");
-        m_rest.erase(0, header.size() + 1);
+        while (m_rest.find('\n') == std::string::npos && m_rest.size() < blockSize && Fill()) {}
+        TakeHeader();
     }
 
     ~CsvReader() override {
@@ -99,7 +96,6 @@ public:
                 m_damage.unreadableLines.push_back(m_line);
             text.remove_prefix(length + 1);
         }
-        Fill();
         return true;
     }
 
@@ -114,6 +110,30 @@ public:
     }
 
 private:
+    /// A file without the header may still be one of ours that is damaged. It is when it begins
+    /// with an event, or does so behind a first line that is none; what was not finished may be
+    /// anything.
+    void TakeHeader() {
+        const std::string_view text = m_rest;
+        const std::size_t end = text.find('\n');
+        const std::string_view first = text.substr(0, end);
+        if (end == std::string_view::npos ? !first.empty() && header.starts_with(first)
+                                          : first == header) {
+            m_line = 1;
+            if (end != std::string_view::npos)
+                m_rest.erase(0, end + 1);
+            return;
+        }
+        EventBatch batch;
+        if (end != std::string_view::npos) {
+            const std::string_view second =
+                text.substr(end + 1, text.find('\n', end + 1) - end - 1);
+            if (Parse(first, batch) || Parse(second, batch))
+                return;
+        }
+        throw ReadError(m_path + ":1: not a file of events: it does not begin with their header");
+    }
+
     [[noreturn]] void Fail() const {
         throw ReadError(m_path + ": " + std::generic_category().message(errno));
     }
@@ -132,6 +152,9 @@ private:
         return got > 0;
     }
 
+    // [snippet: parse]
+    /// Takes a line apart, and appends its event.
+    /// @return false when it is none.
     static bool Parse(std::string_view line, EventBatch& batch) {
         std::array<std::string_view, 4> fields;
         for (std::string_view& field : fields) {
@@ -183,12 +206,14 @@ private:
         return batch.unquoted.emplace_back(std::move(text));
     }
 
+    // [end]
+
     std::string m_path;
     int m_file;
     std::uint64_t m_size = 0;
     std::uint64_t m_read = 0;
-    std::uint64_t m_line = 1;
-    std::string m_rest; ///< what was read behind the last line that was taken
+    std::uint64_t m_line = 0; ///< the last one that was taken
+    std::string m_rest;       ///< what was read behind the last line that was taken
     Damage m_damage;
 };
 

@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstdint>
+#include <limits>
 #include <map>
 #include <optional>
 #include <random>
@@ -155,16 +157,13 @@ using Interval = std::pair<std::uint64_t, std::uint64_t>;
 std::vector<Interval> WorkBelow(const Run& run, const Context& context, std::int64_t except,
                                 std::set<NameId>& labels) {
     std::vector<Interval> intervals;
-    std::vector<Index> todo;
-    const auto addChildren = [&](const Context& parent) {
-        const auto children = run.ChildrenOf(parent);
-        todo.insert(todo.end(), children.begin(), children.end());
-    };
-    addChildren(context);
+    const auto own = run.ChildrenOf(context);
+    std::vector<Index> todo(own.begin(), own.end());
     while (!todo.empty()) {
         const Context& below = run.contexts[todo.back()];
         todo.pop_back();
-        addChildren(below);
+        const auto children = run.ChildrenOf(below);
+        todo.insert(todo.end(), children.begin(), children.end());
         if (below.opened == never || below.tid == noThread || below.tid == except)
             continue;
         intervals.emplace_back(std::min(below.created, below.opened), below.closed);
@@ -284,7 +283,11 @@ Estimate EstimateTotal(const Side& side, const Pieces& pieces, double chance) {
     estimate.deviation =
         Deviation(side, [&](const auto& weights) { return Weigh(weights, sums); }) /
         std::max(pieces.total, 1.0);
-    estimate.below = estimate.above = estimate.deviation * StudentQuantile(chance, blocks - 1);
+    // Where the sum may as well be none, it rests on a few large pieces: the next run may have
+    // none.
+    const double reach = estimate.deviation * StudentQuantile(chance, blocks - 1);
+    estimate.below = reach < 1 ? -std::log1p(-reach) : std::numeric_limits<double>::infinity();
+    estimate.above = std::log1p(reach);
     return estimate;
 }
 
@@ -470,9 +473,11 @@ std::vector<Candidate> Settle(std::vector<Candidate> changes, double runTotal) {
 /// The bounds of the change, in nanoseconds.
 void SetBounds(Candidate& candidate) {
     const auto bounded = [&](double move) {
-        const double bound = (std::exp(std::min(move, 30.0)) - 1) *
-                             std::max(static_cast<double>(candidate.result.before), 1.0);
-        return std::llround(std::clamp(bound, -9e18, 9e18));
+        constexpr double most = 9e18;
+        const double before = std::max(static_cast<double>(candidate.result.before), 1.0);
+        return std::isinf(move) && move > 0
+                   ? std::numeric_limits<std::int64_t>::max()
+                   : std::llround(std::min(std::expm1(move) * before, most));
     };
     candidate.result.low = bounded(candidate.move - candidate.below);
     candidate.result.high = bounded(candidate.move + candidate.above);

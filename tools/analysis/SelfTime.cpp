@@ -18,21 +18,30 @@ Index NearestWhole(const Run& run, Index scope) {
     return scope;
 }
 
+/// A piece may outlive the scope that it began in; the rest then lies in the one around.
+void AddPiece(const Run& run, Piece piece, std::vector<Piece>& pieces) {
+    while (piece.inside != none) {
+        const Scope& scope = run.scopes[piece.inside];
+        pieces.push_back(piece);
+        if (piece.end <= scope.end)
+            return;
+        piece.start = std::max(piece.start, scope.end);
+        piece.inside = NearestWhole(run, scope.parent);
+    }
+}
+
 /// What stands inside of a context's scopes, in the order in which it began.
 void CollectPieces(const Run& run, const Context& context, std::vector<Piece>& pieces) {
     pieces.clear();
     for (const Scope& scope : run.ScopesOf(context)) {
-        const Index inside = scope.IsWhole() ? NearestWhole(run, scope.parent) : none;
-        if (inside != none)
-            pieces.push_back({scope.start, scope.end, inside});
+        if (scope.IsWhole())
+            AddPiece(run, {scope.start, scope.end, NearestWhole(run, scope.parent)}, pieces);
     }
     for (const Index index : run.ChildrenOf(context)) {
         const Context& child = run.contexts[index];
         if (!child.IsWhole() || child.tid == noThread || child.tid != context.tid)
             continue;
-        const Index inside = NearestWhole(run, child.openedIn);
-        if (inside != none)
-            pieces.push_back({child.opened, child.closed, inside});
+        AddPiece(run, {child.opened, child.closed, NearestWhole(run, child.openedIn)}, pieces);
     }
     const auto earlier = [](const Piece& a, const Piece& b) { return a.start < b.start; };
     if (!std::is_sorted(pieces.begin(), pieces.end(), earlier))

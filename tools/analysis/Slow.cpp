@@ -9,10 +9,12 @@ namespace {
 
 /// The scopes that are nested right in this one, or in none.
 std::vector<ScopeTree> NestedIn(const Run& run, const Context& context, Index parent,
-                                const std::vector<std::vector<Index>>& nested) {
+                                const std::vector<std::vector<Index>>& nested, int depth = 0) {
     std::vector<ScopeTree> trees;
+    if (depth == deepestTree)
+        return trees;
     for (const Index i : nested[parent == none ? 0 : parent - context.firstScope + 1])
-        trees.push_back({&run.scopes[i], NestedIn(run, context, i, nested)});
+        trees.push_back({&run.scopes[i], NestedIn(run, context, i, nested, depth + 1)});
     return trees;
 }
 
@@ -26,10 +28,13 @@ std::vector<ScopeTree> ScopesOf(const Run& run, const Context& context) {
     return NestedIn(run, context, none, nested);
 }
 
-ContextTree MakeTree(const Run& run, const Context& context) {
-    ContextTree tree{&run, &context, ScopesOf(run, context), {}};
+ContextTree MakeTree(const Run& run, const Context& context, int depth = 0) {
+    ContextTree tree{&run, &context, ScopesOf(run, context), {}, false};
+    tree.isCut = depth == deepestTree && context.childCount > 0;
+    if (tree.isCut)
+        return tree;
     for (const Index child : run.ChildrenOf(context))
-        tree.children.push_back(MakeTree(run, run.contexts[child]));
+        tree.children.push_back(MakeTree(run, run.contexts[child], depth + 1));
     std::stable_sort(tree.children.begin(), tree.children.end(),
                      [](const ContextTree& a, const ContextTree& b) {
                          return a.context->opened < b.context->opened; // never is the highest

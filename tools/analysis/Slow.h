@@ -24,7 +24,11 @@ struct ContextTree {
     const Context* context = nullptr;
     std::vector<ScopeTree> scopes;
     std::vector<ContextTree> children;
+    bool isCut = false; ///< at deepestTree: what lies below is left out
 };
+
+/// So deep do trees go.
+constexpr int deepestTree = 1000;
 
 /// The slowest requests as trees, the slowest first. The trees point into the model.
 /// @param request the name of the contexts to take as requests; empty for the roots.

@@ -218,6 +218,8 @@ public:
             rest += "  still open";
         if (context.tid != noThread)
             rest += "  thread " + std::to_string(context.tid);
+        if (tree.isCut)
+            rest += "  (what lies below is too deep, and left out)";
         Line(m_bars.Bar(context, *m_style), context.IsWhole() ? Time(context.Duration()) : "-",
              Colored(*m_style, bold, what) + Colored(*m_style, dim, rest));
         if (m_style->withEvents)
@@ -272,22 +274,21 @@ private:
     Bars m_bars;
 };
 
+std::string PartOf(const Names& names, NameId part) {
+    return part == Report::TailPart::waiting ? "waiting to be opened" : NameOf(names, part);
+}
+
 void PrintTail(std::ostream& out, const Report& report, const Names& names, const Style& style) {
     for (std::size_t i = 0; i < report.tail.size();) {
         const Report::TailPart& first = report.tail[i];
-        const std::string part = first.part == Report::TailPart::waiting
-                                     ? "waiting to be opened"
-                                     : "'" + NameOf(names, first.part) + "'";
+        const std::string part = PartOf(names, first.part);
         out << Colored(style, bold, "Tail of " + NameOf(names, first.request)) << ": "
             << Percent(first.share) << " of what requests above p99 have more than those around "
             << "p50 is " << part << '\n';
         Table table({"around p50", "above p99", "share", "part"});
         for (; i < report.tail.size() && report.tail[i].request == first.request; ++i)
             table.Add({Time(report.tail[i].median), Time(report.tail[i].tail),
-                       Percent(report.tail[i].share),
-                       report.tail[i].part == Report::TailPart::waiting
-                           ? "waiting to be opened"
-                           : NameOf(names, report.tail[i].part)});
+                       Percent(report.tail[i].share), PartOf(names, report.tail[i].part)});
         table.Print(out, style);
     }
 }
@@ -348,12 +349,18 @@ void PrintText(std::ostream& out, const std::vector<ContextTree>& trees, const N
             << " working  " << Colored(style, cyan, "\u2594") << " in a scope\n";
 }
 
+// From here on a bound of a change is none.
+constexpr auto unbounded = static_cast<std::int64_t>(1e18);
+
 void PrintText(std::ostream& out, const Diff& diff, const Names& names, const Style& style) {
     Table table({"", "before", "after", "change, between", "of", "what"});
     for (const Diff::Comparison& change : diff.changes) {
         const bool isSlower = change.after > change.before;
         const auto bound = [](std::int64_t value) {
-            return (value > 0 ? "+" : "") + Time(static_cast<double>(value));
+            std::string text(value > 0 ? "+" : "");
+            return text += value >= unbounded || value <= -unbounded
+                               ? "any"
+                               : Time(static_cast<double>(value));
         };
         table.Add(
             {isSlower ? "slower" : "faster", Time(static_cast<double>(change.before)),
