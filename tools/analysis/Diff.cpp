@@ -17,10 +17,9 @@
 
 // How a change is told from noise.
 //
-// 1. The pieces of one request depend on each other, and requests that follow each other may too.
-// So
-//    what is resampled are blocks of whole requests that follow each other; of their children,
-//    where there are too few requests.
+// 1. The pieces of one request depend on each other, and so do requests that follow each other: the
+//    machine is busy for a while. What is resampled are stretches of whole requests that follow
+//    each other; of their children, where there are too few requests.
 // 2. A quantile's interval is that between two ranks: the share of pieces below it varies from one
 //    bootstrap sample to the next, and the values at the ends of that range bound it. Unlike the
 //    quantile's own variation this also holds where values stand in two heaps. A total's comes from
@@ -39,13 +38,14 @@ using Key = std::pair<Kind, NameId>;
 
 constexpr double level = 0.01; ///< the chance of any false change
 constexpr std::size_t fewestParts = 10;
-constexpr std::size_t mostBlocks = 50;
-constexpr int deepest = 16; ///< how far requests are taken apart to get parts
+constexpr std::size_t mostBlocks = 60;
+constexpr std::size_t fewestStretches = 12; ///< where there are so many parts
+constexpr int deepest = 16;                 ///< how far requests are taken apart to get parts
 constexpr int samplesTaken = 400;
 constexpr double outstanding = 4; ///< times what the others moved
 
 /// What few slow pieces decide drifts so many times as far as what most of them do.
-constexpr double tailDrift = 3;
+constexpr double tailDrift = 4;
 
 // What occurs once has no variation to go by.
 constexpr double onceFactor = 5;
@@ -53,7 +53,10 @@ constexpr double onceNanoseconds = 100e6;
 
 // Beside a large change, one that adds less than this share of it goes unnamed: threads that have
 // slept find their caches cold, for one.
-constexpr double worthNaming = 0.05;
+constexpr double worthNaming = 0.1;
+// And less than this, when it goes the other way: threads that sleep leave the processors to
+// others.
+constexpr double worthNamingOpposite = 0.5;
 
 // Nor is what adds less than this to each piece, and less than that share to the run: the events of
 // nested scopes cost about as much, and count as self time.
@@ -84,6 +87,7 @@ struct Side {
     std::vector<std::uint32_t> blocks; ///< of each context
     std::size_t parts = 0;
     std::size_t blockCount = 0;
+    std::size_t stretches = 0; ///< of blocks that follow each other, which are resampled together
     std::vector<std::array<std::uint16_t, mostBlocks>> weights; ///< of each bootstrap sample
     std::map<Key, Pieces> pieces;
 };
@@ -133,7 +137,10 @@ std::vector<Part> TakeApart(const Run& run, const std::vector<Index>& requests, 
 
 void MakeBlocks(Side& side, const std::vector<Part>& parts, const std::vector<Index>& starts) {
     side.parts = parts.size();
-    side.blockCount = std::clamp<std::size_t>(parts.size(), 1, mostBlocks);
+    const std::size_t most = std::clamp<std::size_t>(parts.size(), 1, mostBlocks);
+    const std::size_t length = std::max<std::size_t>(1, most / fewestStretches);
+    side.stretches = most / length;
+    side.blockCount = side.stretches * length;
     std::vector<std::uint32_t> blockOf(starts.size(), 0);
     for (std::size_t i = 0; i < parts.size(); ++i)
         blockOf[parts[i].context] = static_cast<std::uint32_t>(i * side.blockCount / parts.size());
@@ -145,8 +152,11 @@ void MakeBlocks(Side& side, const std::vector<Part>& parts, const std::vector<In
     std::uniform_int_distribution<std::size_t> any(0, side.blockCount - 1);
     side.weights.assign(samplesTaken, {});
     for (auto& weights : side.weights)
-        for (std::size_t i = 0; i < side.blockCount; ++i)
-            ++weights[any(random)];
+        for (std::size_t i = 0; i < side.stretches; ++i) {
+            const std::size_t start = any(random);
+            for (std::size_t j = 0; j < length; ++j)
+                ++weights[(start + j) % side.blockCount];
+        }
 }
 
 using Interval = std::pair<std::uint64_t, std::uint64_t>;
@@ -231,11 +241,10 @@ void AddRequests(Side& side) {
 
 /// A quantity of one run. On the scale of logarithms, where equal shares have equal lengths.
 struct Estimate {
-    double value = 0;     ///< nanoseconds
-    double below = 0;     ///< how far below it the true one may lie
-    double above = 0;     ///< how far above
-    double deviation = 0; ///< the usual distance
-    bool isOnce = false;  ///< of one part only: nothing is known of its variation
+    double value = 0;    ///< nanoseconds
+    double below = 0;    ///< how far below it the true one may lie
+    double above = 0;    ///< how far above
+    bool isOnce = false; ///< of one part only: nothing is known of its variation
 };
 
 /// @return how a function of the blocks' weights varies among the bootstrap samples.
@@ -250,8 +259,8 @@ double Deviation(const Side& side, Function function) {
     }
     const double mean = sum / samplesTaken;
     const double variance = std::max(0.0, squares / samplesTaken - mean * mean);
-    const auto blocks = static_cast<double>(side.blockCount);
-    return std::sqrt(variance * blocks / std::max(blocks - 1, 1.0));
+    const auto drawn = static_cast<double>(side.stretches);
+    return std::sqrt(variance * drawn / std::max(drawn - 1, 1.0));
 }
 
 using BlockSums = std::array<double, mostBlocks>;
@@ -263,11 +272,16 @@ double Weigh(const std::array<std::uint16_t, mostBlocks>& weights, const BlockSu
     return sum;
 }
 
+/// How many blocks have any of them.
 unsigned BlocksWith(const Pieces& pieces) {
     std::array<bool, mostBlocks> seen{};
     for (const Sample& sample : pieces.samples)
         seen[sample.block] = true;
     return static_cast<unsigned>(std::count(seen.begin(), seen.end(), true));
+}
+
+unsigned Freedom(const Side& side, unsigned blocks) {
+    return std::max(1U, std::min(blocks, static_cast<unsigned>(side.stretches)) - 1);
 }
 
 Estimate EstimateTotal(const Side& side, const Pieces& pieces, double chance) {
@@ -280,12 +294,12 @@ Estimate EstimateTotal(const Side& side, const Pieces& pieces, double chance) {
     BlockSums sums{};
     for (const Sample& sample : pieces.samples)
         sums[sample.block] += static_cast<double>(sample.value);
-    estimate.deviation =
+    const double deviation =
         Deviation(side, [&](const auto& weights) { return Weigh(weights, sums); }) /
         std::max(pieces.total, 1.0);
     // Where the sum may as well be none, it rests on a few large pieces: the next run may have
     // none.
-    const double reach = estimate.deviation * StudentQuantile(chance, blocks - 1);
+    const double reach = deviation * StudentQuantile(chance, Freedom(side, blocks));
     estimate.below = reach < 1 ? -std::log1p(-reach) : std::numeric_limits<double>::infinity();
     estimate.above = std::log1p(reach);
     return estimate;
@@ -323,12 +337,9 @@ Estimate EstimateQuantile(const Side& side, const Pieces& pieces, unsigned thous
             Log(static_cast<double>(samples[static_cast<std::size_t>(rank) - 1].value)) -
             Log(value));
     };
-    const double reach = deviation * StudentQuantile(chance, blocks - 1);
+    const double reach = deviation * StudentQuantile(chance, Freedom(side, blocks));
     estimate.below = at(share - reach);
     estimate.above = at(share + reach);
-    estimate.deviation = (std::min(at(share - deviation), 1.0) +
-                          std::min(at(std::min(share + deviation, 1.0)), 1.0)) /
-                         2;
     return estimate;
 }
 
@@ -338,13 +349,21 @@ struct Candidate {
     double move = 0; ///< the logarithm of after / before
     double below = 0;
     double above = 0;
-    double excess = 0; ///< of the move, what the variation within the runs does not account for
     double needed = 0; ///< by how much everything else moved, and the machine may have
     bool isOnce = false;
     bool isNew = false; ///< or gone: of one run only, and not by chance
     double added = 0;   ///< to the run's total, in nanoseconds
     const Pieces* before = nullptr;
     const Pieces* after = nullptr;
+
+    /// What the change of this quantity makes of the run's time, about.
+    double Worth() const {
+        const auto count = static_cast<double>(after->samples.size());
+        const auto change = std::abs(static_cast<double>(result.after - result.before));
+        return result.quantity == Quantity::Total ? change
+               : result.quantity == Quantity::P50 ? change * count
+                                                  : change * count / 100;
+    }
 
     bool IsChange() const {
         if (isNew)
@@ -379,8 +398,6 @@ Candidate Compare(const Key& key, Quantity quantity, Side& before, Side& after, 
     candidate.below = std::hypot(now.below, old.above);
     candidate.above = std::hypot(now.above, old.below);
     candidate.isOnce = old.isOnce || now.isOnce;
-    const double variance = old.deviation * old.deviation + now.deviation * now.deviation;
-    candidate.excess = std::sqrt(std::max(0.0, candidate.move * candidate.move - variance));
     candidate.added = candidate.after->total * scale - candidate.before->total;
     if (candidate.before->samples.empty() != candidate.after->samples.empty()) {
         // So many blocks of one run have it: how likely is it that those of the other have it not?
@@ -404,7 +421,7 @@ double SetNeeded(std::vector<Candidate>& candidates, double drift) {
             if (&other != &candidate && other.result.quantity == candidate.result.quantity &&
                 other.result.kind == Kind::Label && !other.isOnce && !other.isNew &&
                 other.result.name != candidate.result.name)
-                others.push_back(other.excess);
+                others.push_back(std::abs(other.move));
         double middle = 0;
         if (!others.empty()) {
             const auto place =
@@ -436,12 +453,20 @@ std::vector<Candidate> Settle(std::vector<Candidate> changes, double runTotal) {
         const double ofEach = change.result.quantity == Quantity::Total ? moved / pieces : moved;
         return ofEach < eventNanoseconds && ofEach * pieces < worthOfRun * runTotal;
     });
+    std::map<NameId, double> worth; // of each label
     double largest = 0;
+    double largestMove = 0;
     for (const Candidate& change : changes)
-        if (change.result.kind == Kind::Label)
-            largest = std::max(largest, std::abs(change.added));
+        if (change.result.kind == Kind::Label) {
+            worth[change.result.name] = std::max(worth[change.result.name], change.Worth());
+            if (change.Worth() > largest) {
+                largest = change.Worth();
+                largestMove = change.move;
+            }
+        }
     std::erase_if(changes, [&](const Candidate& change) {
-        return change.result.kind == Kind::Label && std::abs(change.added) < worthNaming * largest;
+        const double least = change.move * largestMove < 0 ? worthNamingOpposite : worthNaming;
+        return change.result.kind == Kind::Label && worth[change.result.name] < least * largest;
     });
 
     // A scope that waits for others: what it gained, it gained while they were at work, and one of
