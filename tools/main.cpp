@@ -7,6 +7,7 @@
 #include "analysis/Diff.h"
 #include "analysis/Report.h"
 #include "analysis/Slow.h"
+#include "timeline/TimelinePage.h"
 #include "view/Views.h"
 
 #include <CLI/CLI.hpp>
@@ -189,6 +190,21 @@ int RunTop(const Options& options, double seconds, std::uint64_t times) {
     return allWell;
 }
 
+int RunTimeline(const Options& options, std::uint64_t keep, const std::string& path) {
+    Loader loader;
+    const Model model = loader.Load(options.files);
+    if (model.runs.empty())
+        return failed;
+    const Timeline timeline = MakeTimeline(model, {options.request, keep});
+    WriteTimelinePage(timeline, path);
+    if (options.asJson)
+        Write({{"file", path},
+               {"slices", timeline.slices.size()},
+               {"requests", timeline.allRequests},
+               {"requests_kept", timeline.keptRequests}});
+    return loader.IsComplete() ? allWell : failed;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -248,6 +264,23 @@ int main(int argc, char** argv) {
         ->check(CLI::Range(0.01, 1e6));
     top->add_option("-n", times, "How many looks, and then end (no end)")->option_text("N");
     top->callback([&] { status = RunTop(options, seconds, times); });
+
+    CLI::App* const timeline = AddCommand(
+        app, "timeline", "Make one HTML file to look at, and to send to others", options);
+    std::string page;
+    std::uint64_t keep = TimelineOptions().keep;
+    timeline->add_option("RUN", options.files, "Files of events; - is the standard input")
+        ->required();
+    timeline->add_option("-o,--output", page, "The file to write; - is the standard output")
+        ->option_text("FILE")
+        ->required();
+    AddRequest(timeline, options);
+    timeline
+        ->add_option("--keep", keep,
+                     "Keep so many scopes, contexts, attributes and events: all of the slowest "
+                     "requests; the others are summed up (1250000)")
+        ->option_text("N");
+    timeline->callback([&] { status = RunTimeline(options, keep, page); });
 
     try {
         app.parse(argc, argv);
