@@ -17,7 +17,6 @@ struct alignas(64) Chunk {
     // that was taken a moment before.
     std::atomic<Chunk*> next;
     std::atomic<std::uint32_t> below; // free: how many lie below it
-    std::uint32_t records;            // full: how many stand in it
     std::atomic<bool> hasObjects;     // in use: something in it must be destroyed
 
     /// Relaxed: published with the record that holds the object.
