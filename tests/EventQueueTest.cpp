@@ -176,9 +176,12 @@ private:
                 value.object.extra = {this, [this](const void*) { --m_objects; }};
             }
         } else if (drawn < 8) {
-            const std::array<unsigned int, 10> lengths{0, 1, 7, 8, 9, 16, 100, 255, 256, Draw(257)};
+            const std::array<unsigned int, 10> lengths{0,  1,   3,   4,        8,
+                                                       17, 255, 256, Draw(20), Draw(257)};
             value.kind = OneIn(3) ? Kind::TextOnPage : Kind::Text;
-            value.text.assign(lengths[Draw(10)], static_cast<char>('a' + Draw(26)));
+            value.text.resize(lengths[Draw(10)]);
+            for (char& character : value.text)
+                character = static_cast<char>(m_random());
         }
     }
 
