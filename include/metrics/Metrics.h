@@ -6,6 +6,7 @@
 #include <metrics/MetricsBitsUtils.h>
 #include <metrics/MetricsContext.h>
 #include <metrics/MetricsEvent.h>
+#include <metrics/MetricsFileClient.h>
 #include <metrics/MetricsFileError.h>
 #include <metrics/MetricsManager.h>
 #include <metrics/MetricsRawClient.h>
