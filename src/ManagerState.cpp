@@ -178,7 +178,7 @@ bool ManagerState::AddConsumer(MetricsListenerPtr&& listener, std::uint64_t bits
         return false;
     // In two steps: when the first fails, the listener is released after the lock.
     Subscribers& subscribers = synchronous ? m_syncSubscribers : m_asyncSubscribers;
-    subscribers.push_back(Subscriber{bits, nullptr});
+    subscribers.push_back(Subscriber{bits, nullptr, dynamic_cast<BatchListener*>(listener.Get())});
     subscribers.back().listener = std::move(listener);
     if (synchronous)
         s_live.m_hasSyncSubscribers.store(true, std::memory_order_seq_cst);
@@ -252,6 +252,14 @@ bool ManagerState::DeliverBatch(EventBuffer& filled, bool urgent) {
         [&lock] { lock.Release(); });
     if (InForkedChild())
         return false;
+    lock.Take();
+    for (const Subscriber& subscriber : m_asyncSubscribers) {
+        if (subscriber.batch != nullptr) {
+            const FrameGuard frame(subscriber.batch);
+            subscriber.batch->OnBatchEnd();
+        }
+    }
+    lock.Release();
     // A buffer that has grown shrinks by and by, so that an uneven load does not allocate each
     // time; an empty one was swapped out to be shrunk.
     m_trimmed += filled.Trim(

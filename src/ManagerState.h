@@ -1,6 +1,7 @@
 #ifndef METRICS_SRC_MANAGER_STATE_H
 #define METRICS_SRC_MANAGER_STATE_H
 
+#include "BatchListener.h"
 #include "DeliveryThread.h"
 #include "EventBuffer.h"
 #include "ThreadTable.h"
@@ -109,6 +110,7 @@ private:
     struct Subscriber {
         std::uint64_t bits;
         MetricsListenerPtr listener;
+        BatchListener* batch; // the same object, when it is one
     };
     using Subscribers = std::vector<Subscriber>;
 

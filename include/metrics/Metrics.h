@@ -12,6 +12,7 @@
 #include <metrics/MetricsRawClient.h>
 #include <metrics/MetricsScope.h>
 #include <metrics/MetricsTimer.h>
+#include <metrics/MetricsTraceClient.h>
 #include <metrics/MetricsVersion.h>
 
 #endif // METRICS_METRICS_H
