@@ -23,12 +23,19 @@ using namespace Metrics::test;
 namespace {
 
 std::atomic<bool> s_diskIsFull{false};
+int s_writesToLive = -1; // then the process is killed in the middle of one
 
 } // namespace
 
-// Stands before libc's: a disk that is full takes a part of what it is given, then nothing.
+// Stands before libc's. A disk that is full takes a part of what it is given, then nothing, but
+// what goes in the place of something else.
 extern "C" ssize_t pwrite(int file, const void* bytes, size_t size, off_t offset) {
-    const bool isFull = s_diskIsFull;
+    if (s_writesToLive == 0) {
+        syscall(SYS_pwrite64, file, bytes, size == 8 ? 0 : size / 2, offset);
+        raise(SIGKILL);
+    }
+    s_writesToLive -= s_writesToLive > 0 ? 1 : 0;
+    const bool isFull = s_diskIsFull && size != 8;
     if (isFull && size < 1000)
         return errno = ENOSPC, -1;
     return syscall(SYS_pwrite64, file, bytes, isFull ? size - 999 : size, offset);
@@ -107,11 +114,12 @@ MetricsValue RandomValue() {
 /// Events whose stamps jump in every direction, as no two threads would make them within years.
 void HoldsEveryField() {
     std::vector<MetricsEvent> events(std::size_t(Repetitions(30'000)));
-    std::uint64_t upTime = 5'000'000'000, wall = 1'700'000'000'000'000;
+    std::uint64_t upTime = 1ul << 50, wall = 1'700'000'000'000'000;
     for (MetricsEvent& event : events) {
         const bool jumps = s_random() % 100 == 0;
-        upTime += s_random() % 3000 - 1000 + (jumps ? s_random() % (1ul << 34) - (1ul << 30) : 0);
-        wall += s_random() % 3 - 1 + (jumps ? s_random() % (1ul << 40) - (1ul << 38) : 0);
+        const std::uint64_t jump = s_random() % (1ul << 35) - (1ul << 34);
+        upTime += s_random() % 3000 - 1000 + (jumps ? jump : 0);
+        wall += s_random() % 3 - 1 + (jumps ? jump / 1000 : s_random() % 100 == 0 ? jump : 0);
         event.eventType = static_cast<MetricsEventType>(
             jumps ? static_cast<int>(s_random()) : 2 + static_cast<int>(s_random() % 7));
         event.sourceId = s_random() >> s_random() % 64;
@@ -180,8 +188,17 @@ void HoldsWhatTheCsvFileHolds() {
     VERIFY(Complaints(s_folder.path).empty());
 }
 
-/// At whatever moment the process is killed: whole packets, nothing missing before the last one,
-/// and all that a flush has delivered.
+/// Whole packets, nothing missing before the last one, and all that a flush has delivered before.
+void IsWhole(std::int64_t flushed) {
+    std::int64_t next = -1;
+    for (const auto& [event, tid, clock] : ReadTrace(s_folder.path).events)
+        if (event.eventType == MetricsEventType::Custom) {
+            VERIFY(next == -1 || event.param2.integer == next);
+            next = event.param2.integer + 1;
+        }
+    VERIFY(next > flushed);
+}
+
 void IsKilled() {
     std::mt19937 random(1);
     for (int run = 0; run < Repetitions(100); ++run) {
@@ -203,17 +220,30 @@ void IsKilled() {
         usleep(static_cast<useconds_t>(random() % 10'000));
         VERIFY(kill(child, SIGKILL) == 0 && waitpid(child, nullptr, 0) == child);
         close(ready[0]), close(ready[1]);
+        IsWhole(0);
+    }
+    VERIFY(Complaints(s_folder.path).empty());
+}
 
-        const Trace trace = ReadTrace(s_folder.path);
-        std::int64_t next = -1;
-        for (const auto& [event, tid, clock] : trace.events)
-            if (event.eventType == MetricsEventType::Custom) {
-                VERIFY(next == -1 || event.param2.integer == next);
-                next = event.param2.integer + 1;
+/// In the middle of each write in turn: of a packet, of the size of the one before, of a new file.
+void IsKilledInAWrite() {
+    for (int write = 0; write < 40; ++write) {
+        const auto emitAndDie = [write]() -> int {
+            Start();
+            MetricsTraceClient client;
+            VERIFY(OpenTrace(client, 64 << 10)); // so that there are many files
+            Send("event", 0);
+            Flush();
+            s_writesToLive = write;
+            for (int i = 1;; ++i) {
+                Send("event", i);
+                if (i % 100 == 0)
+                    Flush();
             }
-        VERIFY(next > 0);
-        if (run % 10 == 0)
-            VERIFY(Complaints(s_folder.path).empty());
+        };
+        VERIFY(RunChild(emitAndDie, std::chrono::seconds(60)).status == -SIGKILL);
+        IsWhole(0);
+        VERIFY(Complaints(s_folder.path).empty());
     }
 }
 
@@ -286,7 +316,8 @@ void IsFull(bool inTheEnd) {
     s_diskIsFull = false;
     const Trace trace = ReadTrace(s_folder.path);
     VERIFY(trace.events.size() == std::size_t(expected + (inTheEnd ? 0 : 1)));
-    VERIFY(inTheEnd || trace.discarded == 10'000);
+    // The client's own context was closed as well.
+    VERIFY(trace.discarded == (inTheEnd ? 10'001 : 10'000));
 }
 
 /// What a folder may be, and what is told when it may not.
@@ -331,6 +362,7 @@ int main(int argc, char** argv) {
                     {{"holds every field", HoldsEveryField, 60},
                      {"holds what the CSV file holds", HoldsWhatTheCsvFileHolds, 60},
                      {"is killed", IsKilled, 300},
+                     {"is killed in a write", IsKilledInAWrite, 100},
                      {"keeps the newest", KeepsTheNewest, 60},
                      {"is full for a while", [] { IsFull(false); }, 60},
                      {"is full in the end", [] { IsFull(true); }, 60},
