@@ -43,9 +43,14 @@ protected:
     MetricsFileClient() noexcept;
     ~MetricsFileClient();
 
+    /// Takes an argument for the categories, or the path behind `pathOption`.
     bool TakeArgument(std::string const& argument, const char* pathOption);
+    /// Whether there is a path, and the process is no forked child.
     bool MayOpen() const noexcept;
+    /// Adjusts the mask, registers the listener and opens the root context.
+    /// @throws std::bad_alloc, what a synchronous consumer throws; the file is closed then.
     void OpenFile(const MetricsListenerPtr& listener, detail::EventFile& file);
+    /// All that Close does. @return what it returns.
     bool CloseFile(const IMetricsListener* listener, detail::EventFile* file,
                    unsigned int milliseconds) noexcept;
 

@@ -181,6 +181,9 @@ void HoldsWhatTheCsvFileHolds() {
     const std::size_t first = 2; // created and opened
     for (std::size_t i = 0; i < trace.events.size(); ++i) {
         VERIFY(IsSame(trace.events[i].event, seen[i]));
+        if (const auto& [event, tid, clock] = trace.events[i];
+            event.eventType == MetricsEventType::Attribute && *event.param1.text == "'tid'")
+            VERIFY(tid == event.param2.integer || tid == 0); // 0: not known
         if (i >= first && i < trace.events.size() - 1)
             expected += line.Render(trace.events[i].event);
     }
@@ -320,6 +323,53 @@ void IsFull(bool inTheEnd) {
     VERIFY(trace.discarded == (inTheEnd ? 10'001 : 10'000));
 }
 
+/// While another consumer is slow, and the batch without an end, what was delivered reaches the
+/// disk.
+void IsOnTheDiskBehindASlowConsumer() {
+    std::atomic<int> calls{0};
+    std::atomic<bool> goesOn{false};
+    MetricsTraceClient client;
+    const Session session;
+    VERIFY(OpenTrace(client) && Consume(false, [&](const MetricsEvent&) {
+               usleep(10'000); // so that the packet comes of age
+               if (++calls == 40)
+                   VERIFY(Poll([&] { return goesOn.load(); }));
+           }));
+    for (int i = 0; i < 100; ++i)
+        Send("event", i);
+    VERIFY(Poll([&] { return calls >= 40; }));
+    const std::size_t events = ReadTrace(s_folder.path).events.size();
+    VERIFY(events >= 16 && events <= 42);
+    goesOn = true;
+}
+
+/// The child of a fork writes nothing, and holds nothing that the parent needs.
+void ForksWhileItIsOpen() {
+    const Session session;
+    MetricsTraceClient client;
+    for (int run = 0; run < 10; ++run) {
+        VERIFY(OpenTrace(client));
+        int held[2];
+        VERIFY(pipe2(held, O_CLOEXEC) == 0);
+        for (int i = 0; i < 1000; ++i)
+            Send("event", i);
+        const pid_t child = fork();
+        if (child == 0) {
+            char byte = 0;
+            close(held[1]);
+            Send("child");
+            VERIFY(!client.Close(forever) && read(held[0], &byte, 1) == 0); // the parent's end
+            _exit(0); // lest it removes the folder
+        }
+        VERIFY(client.Close(forever) && ReadTrace(s_folder.path).events.size() == 1003);
+        VERIFY(OpenTrace(client) && client.Close(forever)); // the child holds no lock
+        close(held[1]), close(held[0]);
+        int status = -1;
+        VERIFY(waitpid(child, &status, 0) == child && status == 0);
+        VERIFY(ReadTrace(s_folder.path).events.size() == 3);
+    }
+}
+
 /// What a folder may be, and what is told when it may not.
 void OpensFolders() {
     MetricsTraceClient client;
@@ -366,5 +416,7 @@ int main(int argc, char** argv) {
                      {"keeps the newest", KeepsTheNewest, 60},
                      {"is full for a while", [] { IsFull(false); }, 60},
                      {"is full in the end", [] { IsFull(true); }, 60},
+                     {"is on the disk behind a slow consumer", IsOnTheDiskBehindASlowConsumer, 60},
+                     {"forks while it is open", ForksWhileItIsOpen, 60},
                      {"opens folders", OpensFolders, 60}});
 }
