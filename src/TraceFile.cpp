@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/random.h>
+#include <sys/resource.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -136,6 +137,9 @@ TraceFile::TraceFile(std::string folder, std::uint64_t keptSize)
       m_keptSize(keptSize == 0 ? 0 : std::max(keptSize, leastKept)),
       m_partSize(m_keptSize == 0 ? usualPart
                                  : std::min(usualPart, m_keptSize / keptParts / 4096 * 4096)) {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_FSIZE, &limit) == 0) // of a file: then there are more of them
+        m_partSize = std::min<std::uint64_t>(m_partSize, limit.rlim_cur / 4096 * 4096);
     const korsys::NoCancellation guard;
     NoWriteSignals signals;
     const int error = Prepare();
