@@ -4,8 +4,10 @@
 #include <unistd.h>
 
 #include <iterator>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace bench {
 
@@ -42,17 +44,62 @@ void Filtered(State& state, Call call) {
     RunCalls(state, figureSize, call);
 }
 
-/// The call alone, on the emitting threads; a counting consumer gets the events afterwards.
-void Emit(State& state, Size size) {
-    const Registered<CountingConsumer> consumer;
+using Counting = Registered<CountingConsumer>;
+
+/// The call alone, on the emitting threads; one consumer gets the events.
+template <class Consumer = Counting, class Call>
+void Accepted(State& state, Size size, Call call) {
+    std::optional<Consumer> consumer;
+    if (state.thread_index() == 0)
+        consumer.emplace();
     Context context(0, Context::Create(true));
     RunCalls(
-        state, size, [&context](std::int64_t i) { context.Emit(i, 0.5); }, Flush);
+        state, size, [&](std::int64_t i) { call(context, i); }, Flush);
+}
+
+constexpr auto emit = [](Context& context, std::int64_t i) { context.Emit(i, 0.5); };
+
+void EmitCold(State& state) {
+    const Counting consumer;
+    Context context(0, Context::Create(true));
+    RunCold(state, [&](std::int64_t i) { emit(context, i); });
+}
+
+void EmitMany(std::size_t count) {
+    Context context(0, Context::Create(true));
+    for (std::size_t i = 0; i < count; ++i)
+        emit(context, static_cast<std::int64_t>(i));
+}
+
+/// Threads of two cores emit so many events in all; reported is the time divided by their number.
+void Ladder(State& state, int threads) {
+    constexpr std::size_t events = 1'600'000;
+    const Counting consumer;
+    std::vector<double> times;
+    const auto burst = [&] {
+        const double seconds = OnNewThreads(threads, [&] {
+                                   EmitMany(events / static_cast<std::size_t>(threads));
+                               }).all;
+        Flush();
+        return seconds;
+    };
+    burst(); // not timed
+    for (auto _ : state) {
+        times.push_back(burst());
+        state.SetIterationTime(times.back());
+    }
+    Report(state, std::move(times), events);
+}
+
+void EmitFresh(State& state, int threads) {
+    const Counting consumer;
+    RunFresh(state, threads, [] { EmitMany(freshCalls); });
+    Flush();
 }
 
 /// From the first emit until the consumer has seen all.
 void Sustained(State& state) {
-    const Registered<CountingConsumer> consumer;
+    const Counting consumer;
     Context context(0, Context::Create(true));
     RunBursts(state, sustained, [&] {
         const std::uint64_t expected = consumer->Count() + sustained.calls;
@@ -129,8 +176,32 @@ void RegisterFigures() {
     Register("figure/sustained", 1, 3, Sustained);
     Register("figure/clock-reads", 2, 7, [](State& state) { ClockReads(state, figureSize); });
     Register("figure/single-clock-reads", 1, 7, [](State& s) { ClockReads(s, singleCalls); });
-    Register("figure/emit", 2, 7, [](State& state) { Emit(state, figureSize); });
-    Register("figure/single-emit", 2, 7, [](State& state) { Emit(state, singleCalls); });
+    Register("figure/clock-read", 1, 7, [](State& state) {
+        RunCalls(state, figureSize, [](std::int64_t) { DoNotOptimize(Metrics::AppUpTime()); });
+    });
+    Register("figure/emit", 2, 7, [](State& state) { Accepted(state, figureSize, emit); });
+    Register("figure/single-emit", 2, 7, [](State& state) { Accepted(state, singleCalls, emit); });
+    Register("figure/emit-to-nobody", 1, 7,
+             [](State& state) { Accepted<Nothing>(state, figureSize, emit); });
+    Register("figure/emit-synchronous", 2, 7, [](State& state) {
+        Accepted<Registered<EmptyConsumer, true>>(state, figureSize, emit);
+    });
+    Register("figure/attribute-texts", 1, 7, [](State& state) {
+        Accepted(state, figureSize, [](Context&, std::int64_t) {
+            Metrics::Attribute("name", "some value", Bits::act);
+        });
+    });
+    Register("figure/scope", 1, 7, [](State& state) {
+        Accepted(state, figureSize,
+                 [](Context&, std::int64_t) { Metrics::Scope scope("label", Bits::act); });
+    });
+    Register("figure/cold-emit", 1, 2, EmitCold);
+    for (const int threads : {1, 2})
+        Register("figure/fresh-emit-" + std::to_string(threads), 1, 1,
+                 [threads](State& state) { EmitFresh(state, threads); });
+    for (const int threads : {1, 2, 4, 8})
+        Register("figure/ladder-" + std::to_string(threads), 1, 3,
+                 [threads](State& state) { Ladder(state, threads); });
     Register("figure/filtered-attribute", 1, 7, [](State& state) {
         Filtered(state, [](std::int64_t i) { Metrics::Attribute("name", i, Bits::net); });
     });

@@ -3,18 +3,6 @@
 #include <iostream>
 #include <string>
 
-namespace {
-
-/// Called on the emitting threads, by several at once; what it costs is the call itself.
-class EmptyConsumer final : public Metrics::IMetricsListener {
-public:
-    void OnMetricsEvent(const Metrics::MetricsEvent& event) override {
-        benchmark::DoNotOptimize(event.timestamp);
-    }
-};
-
-} // namespace
-
 /// bench-metrics [figures|idle|off|accepted|synchronous] [options of Google Benchmark]
 ///
 /// The figures and the peers, or every public call in one state of the library: idle; enabled, with
@@ -22,13 +10,16 @@ public:
 /// One state for each process, since the library can be switched on only once.
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
+    benchmark::AddCustomContext("cores", std::to_string(bench::TwoCores()[0]) + " " +
+                                             std::to_string(bench::TwoCores()[1]));
     const std::string what = argc > 1 ? argv[1] : "figures";
     if (what != "idle") {
         bench::Manager().Enable();
         bench::Manager().SetBitsAbsolute(Metrics::MetricsBits::act);
     }
     if (what == "synchronous")
-        bench::Manager().AddConsumer(korsys::MakeRefCnt<EmptyConsumer>(), ~std::uint64_t{0}, true);
+        bench::Manager().AddConsumer(korsys::MakeRefCnt<bench::EmptyConsumer>(), ~std::uint64_t{0},
+                                     true);
     if (what == "figures") {
         bench::RegisterFigures();
 #ifdef HAVE_SPDLOG

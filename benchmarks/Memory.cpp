@@ -1,13 +1,19 @@
 #include "Bench.h"
 
 #include <dlfcn.h>
+#include <pthread.h>
+#include <sys/mman.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
+#include <ctime>
+#include <string>
+#include <string_view>
 #include <thread>
 
-// Allocations are counted where they come by: operator new ends in malloc or aligned_alloc, and the
-// buffers' memory comes from TBB.
+// Allocations are counted where they come by: operator new ends in malloc or aligned_alloc, and
+// memory for many events comes from TBB or, page by page, from the kernel.
 
 namespace {
 
@@ -33,6 +39,11 @@ void* aligned_alloc(std::size_t alignment, std::size_t size) {
     s_mallocCalls.fetch_add(1, std::memory_order_relaxed);
     return __libc_memalign(alignment, size);
 }
+void* mmap(void* address, std::size_t size, int protection, int flags, int file, off_t offset) {
+    static const auto next = reinterpret_cast<decltype(&mmap)>(dlsym(RTLD_NEXT, "mmap"));
+    s_mallocCalls.fetch_add(1, std::memory_order_relaxed);
+    return next(address, size, protection, flags, file, offset);
+}
 }
 
 namespace tbb::detail::r1 {
@@ -57,6 +68,67 @@ double EmitBurst(Metrics::Context& context, int events = burst) {
     return bench::SecondsSince(start);
 }
 
+/// Emits so many events by `call`, delivers them, and prints the allocations for each, once those
+/// before have brought the library to the state in which it stays.
+template <class Call>
+void PrintAllocations(const char* kind, Call call) {
+    constexpr int events = 20'000;
+    constexpr int bursts = 5;
+    for (int i = 0; i < 2 * bursts; ++i) {
+        if (i == bursts)
+            s_mallocCalls = s_tbbCalls = 0;
+        for (int event = 0; event < events; ++event)
+            call(event);
+        bench::Flush();
+    }
+    std::printf("%s: %.4f", kind,
+                static_cast<double>(s_mallocCalls + s_tbbCalls) / bursts / events);
+}
+
+/// What an accepted text costs that is given as characters, by the ways to give it.
+void PrintTextAllocations(Metrics::Context& context) {
+    const std::string text(100, 'x');
+    const std::string_view view = text;
+    const std::string name = "name";
+    std::printf("\"text_allocations\": {");
+    PrintAllocations("\"a scope's label\"",
+                     [](int) { Metrics::Scope scope("label", Metrics::MetricsBits::act); });
+    PrintAllocations(",\n\"an attribute's name\"",
+                     [](int i) { Metrics::Attribute("name", i, Metrics::MetricsBits::act); });
+    PrintAllocations(",\n\"a literal\"", [&](int i) { context.Emit("a short text", i); });
+    PrintAllocations(",\n\"a `string_view` of 100 characters\"",
+                     [&](int i) { context.Emit(view, i); });
+    PrintAllocations(",\n\"`AddAttribute` of two strings\"",
+                     [&](int) { context.AddAttribute(name, text); });
+    std::printf("},\n");
+}
+
+clockid_t s_deliveryClock; // the processor time of the delivery thread
+
+double DeliverySeconds() {
+    timespec time{};
+    clock_gettime(s_deliveryClock, &time);
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
+}
+
+/// Two seconds of 1,000 events in a millisecond. Prints what the delivery thread works for each,
+/// and by how much more memory is resident at most in the second of them than in the first.
+void PrintSteadyFlow(const char* name, Metrics::Context& context) {
+    constexpr int milliseconds = 2000;
+    std::array<double, 2> most{};
+    const double seconds = DeliverySeconds();
+    auto next = bench::Clock::now();
+    for (int i = 0; i < milliseconds; ++i) {
+        EmitBurst(context, 1000);
+        double& memory = most.at(2 * i < milliseconds ? 0 : 1);
+        memory = std::max(memory, bench::ResidentMemory());
+        std::this_thread::sleep_until(next += std::chrono::milliseconds(1));
+    }
+    bench::Flush();
+    std::printf(R"("%s": {"delivery_ns": %.2f, "growth": %.0f})", name,
+                (DeliverySeconds() - seconds) * 1e9 / (1000.0 * milliseconds), most[1] - most[0]);
+}
+
 /// Bursts that are delivered only when each is complete take no more memory, however many they are.
 /// @return whether that is so.
 bool RunBursts(bench::Gate& gate, Metrics::Context& context) {
@@ -78,17 +150,10 @@ void PrintPerEvent(const char* name, double sum, double events = burst) {
     std::printf("\"%s\": %.6g,\n", name, sum / events);
 }
 
-} // namespace
-
-/// Prints what an event of two numbers costs in memory and allocations, as JSON. Fails when memory
-/// is not used again.
-int main() {
-    bench::Manager().Enable();
-    bench::Manager().SetBits(Metrics::MetricsBits::act);
+/// What queued events take, what is left of it, and what is used again. @return whether all is.
+bool RunQueue(Metrics::Context& context) {
     const bench::Registered<bench::Gate> gate;
     const bench::Registered<bench::CountingConsumer> consumer;
-    Metrics::Context context(0, Metrics::Context::Create(true));
-    std::printf("{\n");
 
     // Delivery is held back, so that every event stays in memory, and the buffer grows.
     gate->Shut(context);
@@ -98,8 +163,12 @@ int main() {
     PrintPerEvent("growing_malloc", s_mallocCalls);
     PrintPerEvent("growing_tbb", s_tbbCalls);
     PrintPerEvent("growing_ns", seconds * 1e9);
+    const double numbers = bench::ResidentMemory();
+    PrintPerEvent("bytes", numbers - before);
+    for (int i = 0; i < burst; ++i)
+        context.Emit("requests", i);
     const double full = bench::ResidentMemory();
-    PrintPerEvent("bytes", full - before);
+    PrintPerEvent("name_bytes", full - numbers);
 
     // What of that is still resident once all is delivered, and how soon it is given back.
     const auto left = [&] { return (bench::ResidentMemory() - before) / (full - before); };
@@ -114,18 +183,6 @@ int main() {
 
     const bool isBounded = RunBursts(*gate.operator->(), context);
 
-    // A text is allocated by its event, and its characters once more where they do not fit in.
-    constexpr int texts = 10'000;
-    s_mallocCalls = s_tbbCalls = 0;
-    for (int i = 0; i < texts; ++i)
-        context.Emit("a short text", i);
-    PrintPerEvent("short_text_allocations", s_mallocCalls + s_tbbCalls, texts);
-    s_mallocCalls = s_tbbCalls = 0;
-    for (int i = 0; i < texts; ++i)
-        context.Emit("a text that is too long to be stored inside of a string", i);
-    PrintPerEvent("long_text_allocations", s_mallocCalls + s_tbbCalls, texts);
-    bench::Flush();
-
     // Bursts that come while the one before is delivered, with the buffers as large as they get.
     for (int i = 0; i < 3; ++i)
         EmitBurst(context);
@@ -137,6 +194,28 @@ int main() {
     const auto delivered = static_cast<double>(consumer->Count() - deliveredBefore);
     PrintPerEvent("steady_malloc", s_mallocCalls, 10 * burst);
     PrintPerEvent("steady_tbb", s_tbbCalls, 10 * burst);
-    std::printf("\"steady_delivered\": %.0f\n}\n", delivered);
-    return isBounded && delivered >= 10 * burst ? 0 : 1;
+    std::printf("\"steady_delivered\": %.0f,\n", delivered);
+    return isBounded && delivered >= 10 * burst;
+}
+
+} // namespace
+
+/// Prints what events cost in memory and allocations, as JSON. Fails when memory is not used again.
+int main() {
+    bench::Manager().SetThreadInitFunction(
+        [] { pthread_getcpuclockid(pthread_self(), &s_deliveryClock); });
+    bench::Manager().Enable();
+    bench::Manager().SetBits(Metrics::MetricsBits::act);
+    Metrics::Context context(0, Metrics::Context::Create(true));
+    std::printf("{\n");
+    const bool isUsedAgain = RunQueue(context); // first, while no memory lies ready
+    {
+        const bench::Registered<bench::CountingConsumer> consumer;
+        PrintTextAllocations(context);
+        PrintSteadyFlow("to_a_consumer", context);
+    }
+    std::printf(",\n");
+    PrintSteadyFlow("to_nobody", context);
+    std::printf("\n}\n");
+    return isUsedAgain ? 0 : 1;
 }

@@ -4,7 +4,9 @@
 #include <spdlog/sinks/basic_file_sink.h>
 #include <spdlog/sinks/null_sink.h>
 
+#include <filesystem>
 #include <memory>
+#include <string>
 #include <thread>
 
 namespace bench {
@@ -41,8 +43,9 @@ struct Peer {
 /// To the null sink the writing thread has least to do, and so falls asleep and has to be woken
 /// most often; to a file it formats and writes. The report compares with the faster of the two.
 void RegisterSpdlog() {
+    const std::string path = std::filesystem::temp_directory_path() / "metrics-bench-spdlog.log";
     static Peer toNull(std::make_shared<spdlog::sinks::null_sink_mt>());
-    static Peer toFile(std::make_shared<spdlog::sinks::basic_file_sink_mt>("spdlog.log", true));
+    static Peer toFile(std::make_shared<spdlog::sinks::basic_file_sink_mt>(path, true));
     Register("figure/spdlog-null", 2, 7, [](State& state) { toNull.Run(state); });
     Register("figure/spdlog-file", 2, 7, [](State& state) { toFile.Run(state); });
     Register("figure/single-spdlog", 2, 7, [](State& s) { toNull.Run(s, singleCalls); });

@@ -37,6 +37,8 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/metrics.pc
 
 install(FILES LICENSE-PENDING.md CHANGELOG.md
     DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
-# The API reference, when bin/docs has made it.
-install(DIRECTORY build/docs/html
-    DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development OPTIONAL)
+set(METRICS_REFERENCE_DIR "" CACHE PATH "The API reference as bin/docs has made it, to be installed")
+if(METRICS_REFERENCE_DIR)
+    install(DIRECTORY ${METRICS_REFERENCE_DIR}
+        DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development OPTIONAL)
+endif()

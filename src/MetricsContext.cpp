@@ -1,22 +1,19 @@
-#include "ManagerState.h"
+#include "ContextState.h"
+#include "Emit.h"
 
 #include <metrics/MetricsContext.h>
 
-#include <sys/syscall.h>
-#include <unistd.h>
-
-#include <array>
 #include <exception>
 #include <utility>
 
 using Metrics::MetricsEventType;
-using Metrics::MetricsValue;
+using Metrics::detail::Argument;
 
 namespace {
 
 /// The three life-cycle events: they appear in the parent's context and carry the id.
 void EmitLifeCycleEvent(MetricsEventType type, std::uint64_t parentId, std::uint64_t id) {
-    Metrics::detail::Emit(type, id, parentId, 0, MetricsValue(), MetricsValue(id));
+    Metrics::detail::Emit({type, id, parentId, 0}, Argument(), Argument(id));
 }
 
 } // namespace
@@ -28,7 +25,7 @@ void EmitCreateContext(std::uint64_t parentId, std::uint64_t id) {
 
 namespace Metrics {
 
-using detail::s_live;
+using detail::ContextState;
 
 namespace {
 
@@ -49,17 +46,20 @@ std::uint64_t Context::Create(std::uint64_t parentId) {
     return parentId == 0 ? 0 : CreateAnnounced(parentId);
 }
 
-Context::Context(std::uint64_t parentId, std::uint64_t id)
-    : m_id(id), m_parentId(parentId), m_name("cxt") {
+Context::Context(std::uint64_t parentId, std::uint64_t id) : m_id(id), m_parentId(parentId) {
     if (id == 0)
         return;
     // What may fail comes before the event, so that a second try does not announce it again.
-    if (!detail::IsOff()) {
-        const detail::SectionGuard guard(s_live.m_threadContexts.Current().operation);
-        s_live.m_threadContexts.CurrentContext().ReserveOne();
+    NeedState();
+    try {
+        if (!detail::IsOff())
+            detail::s_threads.CurrentContext().ReserveOne();
+        EmitLifeCycleEvent(MetricsEventType::ContextOpened, parentId, id);
+        AttachToThread();
+    } catch (...) {
+        m_state->RemoveReference();
+        throw;
     }
-    EmitLifeCycleEvent(MetricsEventType::ContextOpened, parentId, id);
-    AttachToThread();
     m_isOpen = true;
 }
 
@@ -69,27 +69,40 @@ Context::~Context() {
     } catch (...) {
         // A destructor has nobody to tell; the event is lost.
     }
+    if (m_state == nullptr)
+        return;
+    // Release: whoever has seen the context has done so before.
+    m_state->context.store(nullptr, std::memory_order_release);
+    m_state->RemoveReference();
+}
+
+ContextState& Context::NeedState() {
+    if (m_state == nullptr) {
+        m_state = new ContextState(m_parentId, m_id);
+        m_state->context.store(this, std::memory_order_release);
+    }
+    return *m_state;
 }
 
 void Context::SetName(char const* name) {
-    if (name != nullptr)
-        m_name = name;
+    // Once the scope has been opened the name is its label, which others may read.
+    if (name != nullptr && m_state != nullptr &&
+        m_state->ownScope.load(std::memory_order_relaxed) == ContextState::OwnScope::New)
+        m_state->name = name;
 }
 
 void Context::AttachToThread() {
     if (detail::IsOff())
         return;
-    MetricsThreadContext& stack = s_live.m_threadContexts.CurrentContext();
-    // The section's end publishes the stack to whoever takes it over when this thread has ended.
-    const detail::SectionGuard guard(detail::t_thread.record->operation);
-    stack.AttachContext(this);
+    detail::s_threads.CurrentContext().AttachContext(this);
+    detail::t_thread.record->PublishContext();
 }
 
 void Context::DetachFromThread() noexcept {
     if (detail::t_thread.context == nullptr || detail::IsOff())
         return;
-    const detail::SectionGuard guard(detail::t_thread.record->operation);
     detail::t_thread.context->DetachContext(this);
+    detail::t_thread.record->PublishContext();
 }
 
 void Context::AddAttribute(std::string const& name, std::string const& value) {
@@ -97,42 +110,22 @@ void Context::AddAttribute(std::string const& name, std::string const& value) {
 }
 
 void Context::OpenScope() {
-    if (m_scopeOpened || !m_isOpen)
-        return;
-    m_scopeOpened = true;
-    try {
-        OpenOwnScope();
-    } catch (...) {
-        m_scopeOpened = false; // tried again by the next use
-        throw;
-    }
+    if (m_isOpen)
+        m_state->OpenOwnScope();
+    m_isUsed = true;
 }
 
-void Context::OpenOwnScope() {
-    auto tid = static_cast<int>(syscall(SYS_gettid));
-    if (tid < 0)
-        tid = static_cast<int>(syscall(SYS_getpid));
-    const std::array<std::pair<const char*, std::uint64_t>, 3> attributes{{
-        {"'pid'", static_cast<std::uint64_t>(getpid())},
-        {"'tid'", static_cast<std::uint64_t>(tid)},
-        {"'cid'", m_id},
-    }};
-    while (m_attributesEmitted < 3) {
-        const auto& [name, value] = attributes[static_cast<std::size_t>(m_attributesEmitted)];
-        Attribute(name, value);
-        ++m_attributesEmitted;
-    }
-    auto scope = std::make_unique<Scope>();
-    if (TestBitsAndContext(0))
-        scope->OpenImpl(MetricsValue(m_name), 0);
-    m_scope = std::move(scope);
-}
-
-void Context::Emit(MetricsValue&& first, MetricsValue&& second) {
-    if (!m_scopeOpened) [[unlikely]]
+bool Context::PrepareEmit() {
+    if (!m_isUsed) [[unlikely]]
         OpenScope();
-    if (m_scope != nullptr && m_scope->IsOpen())
-        m_scope->EmitImpl(MetricsEventType::Custom, std::move(first), std::move(second));
+    return m_isOpen && m_state->HasOpenScope();
+}
+
+void Context::EmitArguments(const Argument& first, const Argument& second) {
+    if (PrepareEmit())
+        detail::Emit(
+            {MetricsEventType::Custom, m_state->OwnScopeId(), m_state->ownScopeContextId, 0}, first,
+            second);
 }
 
 void Context::Close() {
@@ -148,8 +141,7 @@ void Context::Close() {
                 failure = std::current_exception();
         }
     };
-    if (const std::unique_ptr<Scope> scope = std::move(m_scope))
-        attempt([&scope] { scope->Close(); });
+    attempt([this] { m_state->CloseOwnScope(); });
     DetachFromThread();
     attempt([this] { EmitLifeCycleEvent(MetricsEventType::ContextClosed, m_parentId, m_id); });
     if (failure != nullptr)

@@ -1,6 +1,6 @@
+#include "Delivery.h"
 #include "EventFile.h"
-#include "ManagerState.h"
-#include "Waits.h"
+#include "Lifecycle.h"
 
 #include <metrics/MetricsBitsUtils.h>
 #include <metrics/MetricsFileClient.h>
@@ -33,7 +33,8 @@ bool EndFile(const IMetricsListener* listener, detail::EventFile& file,
         return false;
     bool isRemoved = false;
     try {
-        isRemoved = detail::RemoveConsumerUntil(listener, deadline);
+        isRemoved = detail::RemoveConsumerUntil(listener, deadline) !=
+                    detail::Consumers::Removed::StillCalled;
     } catch (const std::bad_alloc&) {
         // No memory to reach the manager with: the listener stays registered, without a file.
     }

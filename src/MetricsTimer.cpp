@@ -1,3 +1,5 @@
+#include "StampClock.h"
+
 #include <metrics/MetricsTimer.h>
 
 #include <sys/time.h>
@@ -23,9 +25,13 @@ constexpr double g_tickConversion = 1.0; // ticks to nanoseconds
 
 } // namespace
 
-std::uint64_t AppUpTime() noexcept {
-    return static_cast<std::uint64_t>(static_cast<double>(Ticks() - g_appStartTime.value) *
+std::uint64_t detail::UpTimeAt(std::uint64_t ticks) noexcept {
+    return static_cast<std::uint64_t>(static_cast<double>(ticks - g_appStartTime.value) *
                                       g_tickConversion);
+}
+
+std::uint64_t AppUpTime() noexcept {
+    return detail::UpTimeAt(Ticks());
 }
 
 void CurrentUnixTime(std::uint64_t* seconds, std::uint32_t* microseconds) noexcept {

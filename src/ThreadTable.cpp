@@ -1,120 +1,130 @@
 #include "ThreadTable.h"
 
-#include <metrics/MetricsContext.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <new>
 #include <sys/syscall.h>
 #include <thread>
 #include <unistd.h>
 
 namespace Metrics::detail {
 
-constinit __thread ThreadState t_thread{nullptr, nullptr, nullptr};
+constinit __thread ThreadState t_thread{nullptr, nullptr, nullptr, false};
+constinit ThreadTable s_threads;
 
 namespace {
 
-pid_t ThreadId(std::uint64_t owner) noexcept {
-    return static_cast<pid_t>(owner & 0xFFFFFFFF);
-}
-
-std::uint64_t NextOwner(std::uint64_t last, pid_t self) noexcept {
-    return (((last >> 32) + 1) << 32) | static_cast<std::uint32_t>(self);
-}
+constexpr std::chrono::microseconds pollStep{50};
+constexpr std::size_t fewThreads = 16; // so many new ones are always worth a sweep
 
 } // namespace
 
 bool ThreadTable::HasEnded(const ThreadRecord& record) noexcept {
-    const pid_t owner = ThreadId(record.owner.load(std::memory_order_relaxed));
+    const pid_t owner = record.owner.load(std::memory_order_relaxed);
     // Signal 0 asks without sending, see tgkill(2). Any other answer counts as alive: then the
     // record is only kept longer.
     return syscall(SYS_tgkill, getpid(), owner, 0) != 0 && errno == ESRCH;
 }
 
-ThreadRecord* ThreadTable::TakeOver(pid_t self) noexcept {
-    // A few looks for each new thread keep the table near the number of living threads, and a new
-    // thread cheap: records are found again long before their number has doubled.
-    constexpr int looks = 16;
-    // Acquire and release: whoever follows the pointer reads what the maker of the record wrote.
-    ThreadRecord* record = m_candidate.load(std::memory_order_acquire);
-    for (int i = 0; i < looks; ++i) {
-        if (record == nullptr && (record = m_first.load(std::memory_order_acquire)) == nullptr)
-            return nullptr;
-        std::uint64_t last = record->owner.load(std::memory_order_relaxed);
-        // Two living threads have different ids, so the caller's own id means an ended owner too.
-        if ((ThreadId(last) == self || HasEnded(*record)) &&
-            record->owner.compare_exchange_strong(last, NextOwner(last, self),
-                                                  std::memory_order_relaxed)) {
-            m_candidate.store(record->next, std::memory_order_release);
-            return record;
-        }
-        record = record->next;
+void ThreadTable::Sweep() noexcept {
+    const std::size_t registered = m_registered.load(std::memory_order_relaxed);
+    const std::size_t isNew = registered - m_swept.load(std::memory_order_relaxed);
+    if (isNew < std::max(fewThreads, Size() / 4) || !m_freeLock.TryLock())
+        return;
+    m_swept.store(registered, std::memory_order_relaxed);
+    const int error = errno;
+    for (ThreadRecord* record = First(); record != nullptr; record = record->next) {
+        if (record->owner.load(std::memory_order_relaxed) == 0 || !HasEnded(*record))
+            continue;
+        // Only now that nothing more can come. Where there is no delivery nothing was ever queued.
+        if (t_thread.isDeliveryThread ? !record->queue.IsEmpty()
+                                      : record->queue.Published() != nullptr)
+            continue;
+        // Acquire: pairs with PublishContext. The contexts that were left attached are nobody's.
+        static_cast<void>(record->contextVersion.load(std::memory_order_acquire));
+        record->context.reset();
+        record->calls.TakeOver();
+        record->queue.Release();
+        record->owner.store(0, std::memory_order_relaxed);
+        record->nextFree = std::exchange(m_free, record);
+        m_size.fetch_sub(1, std::memory_order_relaxed);
     }
-    m_candidate.store(record, std::memory_order_release);
-    return nullptr;
+    errno = error;
+    m_freeLock.Unlock();
+}
+
+ThreadRecord* ThreadTable::TakeFree() noexcept {
+    // A new thread does not wait for one that holds the lock: it can do without a used record.
+    if (!m_freeLock.TryLock())
+        return nullptr;
+    ThreadRecord* const record = m_free;
+    if (record != nullptr)
+        m_free = record->nextFree;
+    m_freeLock.Unlock();
+    return record;
 }
 
 ThreadRecord& ThreadTable::Register() {
     const int error = errno; // the application's
+    if (!m_sweptByDelivery.load(std::memory_order_relaxed))
+        Sweep();
+    ThreadRecord* record = TakeFree();
     const auto self = static_cast<pid_t>(syscall(SYS_gettid));
-    ThreadRecord* record = TakeOver(self);
     if (record != nullptr) {
-        record->append.TakeOver();
-        record->operation.TakeOver();
-        record->context.reset(); // the contexts that it left attached are not ours
+        record->owner.store(self, std::memory_order_relaxed);
     } else {
         record = new ThreadRecord;
-        record->owner.store(NextOwner(0, self), std::memory_order_relaxed);
+        record->owner.store(self, std::memory_order_relaxed);
         record->next = m_first.load(std::memory_order_relaxed);
         // Sequentially consistent, see First; it also publishes the record's fields.
         while (!m_first.compare_exchange_weak(record->next, record, std::memory_order_seq_cst)) {}
     }
+    m_size.fetch_add(1, std::memory_order_relaxed);
+    m_registered.fetch_add(1, std::memory_order_relaxed);
     t_thread.record = record;
     errno = error;
     return *record;
 }
 
-void ThreadTable::AdoptInChild() noexcept {
-    if (ThreadRecord* const record = t_thread.record)
-        record->owner.store(NextOwner(record->owner.load(std::memory_order_relaxed),
-                                      static_cast<pid_t>(syscall(SYS_gettid))),
-                            std::memory_order_relaxed);
-}
-
 MetricsThreadContext& ThreadTable::MakeContext() {
     ThreadRecord& record = Current();
-    const SectionGuard guard(record.operation); // publishes the stack to whoever takes it over
     record.context = std::make_shared<MetricsThreadContext>();
+    record.PublishContext();
     t_thread.context = record.context.get();
     return *t_thread.context;
 }
 
-bool ThreadTable::WaitForOperations(std::chrono::steady_clock::time_point deadline) const {
+bool ThreadTable::WaitForCalls(std::chrono::steady_clock::time_point deadline) const noexcept {
     for (const ThreadRecord* r = First(); r != nullptr; r = r->next) {
-        for (const Section* section : {&r->operation, &r->append}) {
-            const std::uint32_t seen = section->Read();
-            if (!Section::IsInside(seen))
-                continue;
-            // An operation that began later finds the library switched off and touches nothing.
-            while (section->Read() == seen) {
-                if (r == t_thread.record || std::chrono::steady_clock::now() >= deadline)
-                    return false;
-                if (HasEnded(*r))
-                    break;
-                std::this_thread::sleep_for(std::chrono::microseconds(100));
-            }
+        const std::uint32_t seen = r->calls.Read();
+        if (!Section::IsInside(seen) || r == t_thread.record)
+            continue;
+        // A call that began later finds what was changed before.
+        for (int looks = 1; r->calls.Read() == seen; ++looks) {
+            if (std::chrono::steady_clock::now() >= deadline)
+                return false;
+            if (looks % 64 == 0 && HasEnded(*r)) // killed inside of the call
+                break;
+            std::this_thread::sleep_for(pollStep);
         }
     }
     return true;
 }
 
+void ThreadTable::AdoptInChild() noexcept {
+    ::new (&m_freeLock) korsys::Mutex; // another thread may have held it
+    if (ThreadRecord* const record = t_thread.record)
+        record->owner.store(static_cast<pid_t>(syscall(SYS_gettid)), std::memory_order_relaxed);
+}
+
 void ThreadTable::FreeRecords() noexcept {
     ThreadRecord* record = m_first.exchange(nullptr, std::memory_order_acquire);
-    m_candidate.store(nullptr, std::memory_order_relaxed);
     while (record != nullptr) {
         ThreadRecord* const next = record->next;
-        if (record == t_thread.record || HasEnded(*record)) {
+        const pid_t owner = record->owner.load(std::memory_order_relaxed);
+        if (record == t_thread.record || owner == 0 || HasEnded(*record)) {
+            record->queue.Discard(record->queue.Published());
             delete record;
         } else {
             record->next = m_first.load(std::memory_order_relaxed);
@@ -122,38 +132,11 @@ void ThreadTable::FreeRecords() noexcept {
         }
         record = next;
     }
+    m_freeLock.Lock();
+    m_free = nullptr;
+    m_freeLock.Unlock();
     t_thread.record = nullptr;
     t_thread.context = nullptr;
 }
 
 } // namespace Metrics::detail
-
-namespace Metrics {
-
-MetricsThreadContext::MetricsThreadContext() noexcept = default;
-MetricsThreadContext::~MetricsThreadContext() = default;
-
-void MetricsThreadContext::ReserveOne() {
-    if (m_contexts.size() == m_contexts.capacity())
-        m_contexts.reserve(std::max<std::size_t>(4, m_contexts.size() * 2));
-}
-
-void MetricsThreadContext::AttachContext(Context* context) {
-    m_contexts.push_back(context);
-}
-
-void MetricsThreadContext::DetachContext(Context* context) noexcept {
-    m_contexts.erase(std::remove(m_contexts.begin(), m_contexts.end(), context), m_contexts.end());
-}
-
-std::uint64_t MetricsThreadContext::GetMetricsContextId() const noexcept {
-    const Context* const current = GetCurrentContext();
-    return current == nullptr ? 0 : current->GetContextId();
-}
-
-std::uint64_t MetricsThreadContext::GetParentMetricsContextId() const noexcept {
-    const Context* const current = GetCurrentContext();
-    return current == nullptr ? 0 : current->GetParentContextId();
-}
-
-} // namespace Metrics

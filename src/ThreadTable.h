@@ -1,7 +1,12 @@
 #ifndef METRICS_SRC_THREAD_TABLE_H
 #define METRICS_SRC_THREAD_TABLE_H
 
-#include <metrics/MetricsManager.h>
+#include "EventQueue.h"
+#include "Section.h"
+
+#include <metrics/MetricsThreadContext.h>
+
+#include <korsys/Mutex.h>
 
 #include <sys/types.h>
 
@@ -11,84 +16,42 @@
 #include <cstdint>
 #include <memory>
 
-namespace Metrics::detail {
+namespace Metrics {
 
-/// Says whether its thread is inside a stretch of code: odd inside, even outside.
-///
-/// Written by one thread, read by the one that waits for it. Every stretch has a number of its own,
-/// so that the waiter tells a stretch that lasts from a thread that keeps coming back.
-class Section {
-public:
-    /// @return false when the thread is inside already; only the outermost Enter is left.
-    bool Enter() noexcept {
-        const std::uint32_t count = m_count.load(std::memory_order_relaxed);
-        if ((count & 1) != 0)
-            return false;
-        // Sequentially consistent, as are the load that follows it and both sides of the waiter:
-        // the thread marks itself and looks, the waiter changes what is looked at and reads the
-        // marks. At least one of them sees the other. It costs less than 1 ns beside the two clock
-        // reads.
-        m_count.store(count + 1, std::memory_order_seq_cst);
-        return true;
-    }
+class IMetricsListener;
 
-    /// Release: what was done inside comes before what the waiter does once it sees the end.
-    void Leave() noexcept {
-        m_count.store(m_count.load(std::memory_order_relaxed) + 1, std::memory_order_release);
-    }
+namespace detail {
 
-    /// The waiter's look. Sequentially consistent (thus acquire): pairs with Enter and with Leave.
-    std::uint32_t Read() const noexcept { return m_count.load(std::memory_order_seq_cst); }
-
-    static bool IsInside(std::uint32_t count) noexcept { return (count & 1) != 0; }
-
-    /// Begins the use by another thread; ends a stretch that an ended thread never left. Acquires
-    /// what that one released last: its appends come before the new owner's, its stack may be
-    /// freed.
-    void TakeOver() noexcept {
-        if (IsInside(Read()))
-            Leave();
-    }
-
-private:
-    std::atomic<std::uint32_t> m_count{0};
-};
-
-/// Enters a section for the length of a block; nested blocks cost a load.
-class SectionGuard {
-public:
-    explicit SectionGuard(Section& section) noexcept
-        : m_section(section.Enter() ? &section : nullptr) {}
-    ~SectionGuard() {
-        if (m_section != nullptr)
-            m_section->Leave();
-    }
-    SectionGuard(const SectionGuard&) = delete;
-    SectionGuard& operator=(const SectionGuard&) = delete;
-
-private:
-    Section* m_section;
-};
-
-/// What the library keeps of one thread. The marks stand on the heap and not in the thread's own
-/// storage, since they are read when the thread may have ended.
+/// What the library keeps of one thread. It stands on the heap and not in the thread's own storage,
+/// since it is read when the thread may have ended.
 struct alignas(64) ThreadRecord {
-    // Written by the owning thread only.
-    Section append;    // it may be appending to the current event buffer
-    Section operation; // it may be using the manager's state
+    EventQueue queue; // two cache lines: the owner's, and the delivery thread's
+
+    // Written by the owning thread.
+    Section calls; // it is calling synchronous consumers
+    std::atomic<std::uint32_t> contextVersion{0};
+    WallOffset wallOffset = 0;
     std::shared_ptr<MetricsThreadContext> context;
 
-    // Written when the record finds a new owner: its thread id, and in the upper half how many
-    // there were before, so that no two threads take over the same record from the same owner.
-    std::atomic<std::uint64_t> owner{0};
-    ThreadRecord* next = nullptr; // never changes once the record is in the table
+    /// Release: the stack of contexts, for whoever takes the record over when the thread has ended.
+    void PublishContext() noexcept {
+        contextVersion.store(contextVersion.load(std::memory_order_relaxed) + 1,
+                             std::memory_order_release);
+    }
+
+    // Written when the record changes hands.
+    std::atomic<pid_t> owner{0};      // kernel's thread id; 0: nobody's
+    ThreadRecord* nextFree = nullptr; // ThreadTable's lock
+    ThreadRecord* next = nullptr;     // never changes once the record is in the table
 };
 
-static_assert(sizeof(ThreadRecord) == 64, "one cache line each: no thread writes into another's");
+static_assert(sizeof(ThreadRecord) == 192, "no thread writes into another's cache lines");
+static_assert(sizeof(ThreadRecord) + Chunk::size <= 4096, "what an idle thread keeps");
 
 /// A consumer call in progress on this thread; they form a chain, innermost first.
 struct DeliveryFrame {
     const IMetricsListener* listener;
+    pid_t emitter; // who emitted the event at hand
     const DeliveryFrame* outer;
 };
 
@@ -98,14 +61,21 @@ struct ThreadState {
     ThreadRecord* record;
     MetricsThreadContext* context; // that of the record, once it exists
     const DeliveryFrame* delivery; // null outside of consumer calls
+    bool isDeliveryThread;
 };
 
 // Initial-exec: one instruction to reach it, also in a library that was loaded at run time. It
-// takes 24 bytes of the loader's reserve for such variables.
+// takes 32 bytes of the loader's reserve for such variables.
 extern __thread ThreadState t_thread __attribute__((tls_model("initial-exec")));
 
-/// All threads that have used the library. A record is never freed while a thread may still write
-/// its marks; a new thread takes over the record of one that has ended.
+static_assert(sizeof(ThreadState) == 32);
+
+/// All threads that have used the library. A record is never freed while its thread may still write
+/// to it. Those of threads that have ended are found by Sweep, and given to new threads.
+///
+/// Which threads have ended is asked of the kernel, by tgkill(2) with signal 0: by the delivery
+/// thread, and only after as many new threads have come as makes it four questions for each at the
+/// most.
 ///
 /// Thread-safety: safe from any thread at any time, but for FreeRecords: one thread at a time.
 class ThreadTable {
@@ -124,56 +94,53 @@ public:
         return context != nullptr ? *context : MakeContext();
     }
 
-    /// Waits until no append that began before the call is in progress. `pause` is called between
-    /// looks.
-    template <class Pause>
-    void WaitForAppends(Pause pause) const {
-        for (const ThreadRecord* r = First(); r != nullptr; r = r->next)
-            WaitFor(
-                r->append, [r] { return HasEnded(*r); }, pause);
-        WaitFor(
-            m_shutdownAppend, [] { return false; }, pause);
+    /// All records, newest first. Sequentially consistent: a thread adds its record, marks it and
+    /// looks at the consumers; who removes one changes them and looks for records and marks.
+    ThreadRecord* First() const noexcept { return m_first.load(std::memory_order_seq_cst); }
+
+    /// Waits until every call of synchronous consumers that was in progress at the call has ended,
+    /// at most until the deadline. The calling thread's own is left out.
+    /// @return false after the deadline.
+    bool WaitForCalls(std::chrono::steady_clock::time_point deadline) const noexcept;
+
+    /// From here on a delivery thread calls Sweep, or none does any more and new threads do it.
+    void SetSwept(bool byDelivery) noexcept {
+        m_sweptByDelivery.store(byDelivery, std::memory_order_relaxed);
     }
 
-    /// Waits until every thread was seen outside of all operations, at most until the deadline.
-    /// @return false after it, and when the calling thread itself is inside one.
-    bool WaitForOperations(std::chrono::steady_clock::time_point deadline) const;
+    /// Makes the records of ended threads whose events are delivered free for new ones, when so
+    /// many threads have come that it is worth the while.
+    void Sweep() noexcept;
 
-    /// The section of whoever switches the library off: that must not fail for want of memory.
-    Section& ShutdownAppend() noexcept { return m_shutdownAppend; }
+    /// How many threads have a record.
+    std::size_t Size() const noexcept { return m_size.load(std::memory_order_relaxed); }
 
-    /// In a forked child: the calling thread is alive, under another thread id.
+    /// In a forked child: no other thread lives, and the calling one has another thread id.
     void AdoptInChild() noexcept;
 
-    /// Frees the records of the calling thread and of threads that have ended, at exit or unload. A
-    /// living thread may be about to write into its own, so that one stays.
+    /// Frees the records of the calling thread and of threads that have ended, at unload. A living
+    /// thread may be about to write into its own, so that one stays.
     void FreeRecords() noexcept;
 
 private:
     ThreadRecord& Register();
     MetricsThreadContext& MakeContext();
-    ThreadRecord* TakeOver(pid_t self) noexcept;
+    ThreadRecord* TakeFree() noexcept;
     static bool HasEnded(const ThreadRecord& record) noexcept;
 
-    // Sequentially consistent: a thread adds its record, marks it and looks at the buffer; the
-    // waiter changes the buffer and looks for records and marks. One must see the other.
-    const ThreadRecord* First() const noexcept { return m_first.load(std::memory_order_seq_cst); }
+    std::atomic<ThreadRecord*> m_first{nullptr}; // records are only ever added
+    std::atomic<std::size_t> m_size{0};          // records in use
+    std::atomic<std::size_t> m_registered{0};    // threads that came, ever
+    std::atomic<std::size_t> m_swept{0};         // m_registered at the last sweep
+    std::atomic<bool> m_sweptByDelivery{false};
 
-    template <class Ended, class Pause>
-    static void WaitFor(const Section& section, Ended hasEnded, Pause& pause) {
-        const std::uint32_t seen = section.Read();
-        if (!Section::IsInside(seen))
-            return;
-        while (section.Read() == seen && !hasEnded())
-            pause();
-    }
-
-    std::atomic<ThreadRecord*> m_first{nullptr}; // newest first; records are only ever added
-    std::atomic<ThreadRecord*> m_candidate{
-        nullptr}; // where the next search for an ended owner goes on
-    Section m_shutdownAppend;
+    korsys::Mutex m_freeLock;
+    ThreadRecord* m_free KORSYS_GUARDED_BY(m_freeLock) = nullptr;
 };
 
-} // namespace Metrics::detail
+extern constinit ThreadTable s_threads;
+
+} // namespace detail
+} // namespace Metrics
 
 #endif // METRICS_SRC_THREAD_TABLE_H

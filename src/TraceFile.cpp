@@ -260,7 +260,7 @@ void TraceFile::Write(const MetricsEvent& event) {
     out = Put(out, static_cast<std::int16_t>(wall - m_header.wallBase));
     if (type == 0)
         out = Put(out, static_cast<std::int32_t>(event.eventType));
-    out = Put(out, EmitterThreadId());
+    out = Put(out, static_cast<std::int32_t>(EmitterThreadId()));
     out = Put(out, event.contextId);
     out = Put(out, event.sourceId);
     out = Put(out, event.bits);

@@ -152,8 +152,8 @@ std::string DescribeTrace(const TraceUuid& uuid, std::int64_t offset) {
         "    freq = 1000000000;\n"
         "    precision = 1;\n"
         "    offset_s = " +
-        std::to_string(offset / oneSecond) + ";\n    offset = " + std::to_string(offset % oneSecond) +
-        ";\n    absolute = true;\n};\n";
+        std::to_string(offset / oneSecond) +
+        ";\n    offset = " + std::to_string(offset % oneSecond) + ";\n    absolute = true;\n};\n";
     text += types;
     // A layout for each kind of first and second value, and an event of each name for each layout.
     for (unsigned type = 0; type < traceTypes; ++type)

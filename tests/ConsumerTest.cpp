@@ -1,118 +1,279 @@
-#include "support/Exercise.h"
+#include "support/Process.h"
+#include "support/Transcript.h"
 
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
-#include <utility>
+#include <stdexcept>
 
 namespace Metrics::test {
 
+/// Says who is called for an event: "a b | a" are the synchronous consumers, then the others.
+class Calls {
+public:
+    /// Notes its calls; whichever way it is registered.
+    MetricsListenerPtr Named(const std::string& name) {
+        return MakeListener([this, name](const MetricsEvent&) {
+            (gettid() == getpid() ? m_synchronous : m_asynchronous) += name + ' ';
+        });
+    }
+    std::string Of(std::uint64_t bits) {
+        Send(0, 0, bits);
+        Flush();
+        return std::exchange(m_synchronous, "") + "| " + std::exchange(m_asynchronous, "");
+    }
+
+private:
+    std::string m_synchronous, m_asynchronous; // the second is read after a flush only
+};
+
 TEST(Consumer, IsCalledOnceForEachRegistrationInTheirOrder) {
-    std::string synchronous, asynchronous; // who was called; the second is read after a flush only
-    const auto named = [&](char name) {
-        return MakeListener([&, name](const MetricsEvent&) {
-            const bool isEmitter = gettid() == getpid();
-            (isEmitter ? synchronous : asynchronous) += name;
-            const auto other = MakeListener([](const MetricsEvent&) { FAIL(); });
-            EXPECT_FALSE(Manager().AddConsumer(other, everyBit, true)) << "inside a call";
-            EXPECT_FALSE(Manager().RemoveConsumer(other));
-            if (name == 'b' && !isEmitter)
-                throw "the others are called all the same";
+    Calls calls;
+    const auto a = calls.Named("a"), b = calls.Named("b"), c = calls.Named("c");
+    EXPECT_FALSE(Manager().AddConsumer(a, everyBit, false)) << "not enabled";
+    EXPECT_FALSE(Manager().RemoveConsumer(a));
+    const Session session;
+    EXPECT_FALSE(Manager().AddConsumer(nullptr, everyBit, true));
+    EXPECT_FALSE(Manager().AddConsumer(nullptr, everyBit, false));
+    EXPECT_EQ(calls.Of(0), "| ");
+
+    EXPECT_TRUE(Manager().AddConsumer(a, everyBit, false));
+    EXPECT_EQ(calls.Of(0), "| a ");
+    EXPECT_TRUE(Manager().AddConsumer(b, everyBit, false));
+    EXPECT_EQ(calls.Of(0), "| a b ");
+    EXPECT_TRUE(Manager().AddConsumer(a, everyBit, false));
+    EXPECT_EQ(calls.Of(0), "| a b a ");
+    EXPECT_TRUE(Manager().AddConsumer(a, everyBit, true));
+    EXPECT_EQ(calls.Of(0), "a | a b a ");
+    EXPECT_TRUE(Manager().AddConsumer(b, everyBit, true));
+    EXPECT_TRUE(Manager().AddConsumer(c, everyBit, true));
+    EXPECT_EQ(calls.Of(0), "a b c | a b a ");
+
+    EXPECT_TRUE(Manager().RemoveConsumer(b));
+    EXPECT_EQ(calls.Of(0), "a c | a b a ") << "the synchronous one first";
+    EXPECT_TRUE(Manager().RemoveConsumer(a));
+    EXPECT_EQ(calls.Of(0), "c | a b a ");
+    EXPECT_TRUE(Manager().RemoveConsumer(a));
+    EXPECT_EQ(calls.Of(0), "c | b a ") << "the older one";
+    EXPECT_TRUE(Manager().RemoveConsumer(a));
+    EXPECT_EQ(calls.Of(0), "c | b ");
+    EXPECT_FALSE(Manager().RemoveConsumer(a));
+    EXPECT_FALSE(Manager().RemoveConsumer(nullptr));
+    EXPECT_TRUE(Manager().RemoveConsumer(c));
+    EXPECT_TRUE(Manager().RemoveConsumer(b));
+    EXPECT_EQ(calls.Of(0), "| ");
+}
+
+TEST(Consumer, SeesTheEventsThatItsMaskLetsThrough) {
+    Calls calls;
+    const Session session;
+    for (const bool synchronous : {true, false}) {
+        Manager().AddConsumer(calls.Named("none"), 0, synchronous);
+        Manager().AddConsumer(calls.Named("net"), MetricsBits::net, synchronous);
+    }
+    EXPECT_EQ(calls.Of(0), "none net | none net ");
+    EXPECT_EQ(calls.Of(0xFFF), "none net | none net ") << "names no category";
+    EXPECT_EQ(calls.Of(MetricsBits::act), "| ");
+    EXPECT_EQ(calls.Of(MetricsBits::net), "net | net ");
+    EXPECT_EQ(calls.Of(MetricsBits::act | MetricsBits::net), "net | net ");
+}
+
+TEST(Consumer, MustNotRegisterFromInsideOfACall) {
+    std::atomic<int> calls{0};
+    const Session session;
+    const auto tryIt = [&calls](const MetricsEvent&) {
+        const auto other = MakeListener([](const MetricsEvent&) { FAIL(); });
+        EXPECT_FALSE(Manager().AddConsumer(other, everyBit, true));
+        EXPECT_FALSE(Manager().AddConsumer(other, everyBit, false));
+        EXPECT_FALSE(Manager().RemoveConsumer(other));
+        ++calls;
+    };
+    const auto synchronous = Consume(true, tryIt), asynchronous = Consume(false, tryIt);
+    Send(0);
+    Flush();
+    EXPECT_EQ(calls, 2);
+    EXPECT_TRUE(Manager().RemoveConsumer(synchronous) && Manager().RemoveConsumer(asynchronous));
+}
+
+TEST(Consumer, MayEmitAndIsLeftOutOfItsOwnEvents) {
+    std::string calls;
+    const Transcript delivered(false);
+    const Session session;
+    const auto emitAs = [&calls](const std::string& name) {
+        Consume(true, [&calls, name](const MetricsEvent& event) {
+            if (event.eventType != MetricsEventType::Custom)
+                return;
+            const std::string text = *event.param1.text;
+            calls += name + '(' + text + ' ';
+            Send(text + name);
+            calls += ')';
         });
     };
-    const MetricsListenerPtr consumers[] = {named('a'), named('b')};
-    EXPECT_FALSE(Manager().AddConsumer(consumers[0], everyBit, false)) << "not enabled";
-    EXPECT_FALSE(Start().AddConsumer(nullptr, everyBit, true));
-    // Add asynchronously, Synchronously, or Remove; success; who is called then.
-    const struct {
-        const char* operation;
-        bool done;
-        std::string synchronous, asynchronous;
-    } steps[] = {{"Aa", true, "", "a"},    {"Ab", true, "", "ab"},    {"Aa", true, "", "aba"},
-                 {"Sa", true, "a", "aba"}, {"Sb", true, "ab", "aba"}, {"Ra", true, "b", "aba"},
-                 {"Ra", true, "b", "ba"},  {"Ra", true, "b", "b"},    {"Ra", false, "b", "b"},
-                 {"Rb", true, "", "b"},    {"Rb", true, "", ""}};
-    for (const auto& step : steps) {
-        SCOPED_TRACE(&step - steps);
-        const MetricsListenerPtr& consumer = consumers[step.operation[1] - 'a'];
-        const char operation = step.operation[0];
-        EXPECT_EQ(step.done, operation == 'R'
-                                 ? Manager().RemoveConsumer(consumer)
-                                 : Manager().AddConsumer(consumer, everyBit, operation == 'S'));
-        Send(0);
+    emitAs("a");
+    emitAs("b");
+    Send("x");
+    EXPECT_EQ(calls, "a(x b(xa ))b(x a(xb ))");
+    Flush();
+    EXPECT_EQ(delivered.Next(), "Custom 0 in 0: \"xab\", 0\n"
+                                "Custom 0 in 0: \"xa\", 0\n"
+                                "Custom 0 in 0: \"xba\", 0\n"
+                                "Custom 0 in 0: \"xb\", 0\n"
+                                "Custom 0 in 0: \"x\", 0\n");
+}
+
+TEST(Consumer, ThatThrowsEndsItsOwnCallAlone) {
+    int before = 0, behind = 0;
+    std::atomic<int> behindOnDelivery{0};
+    const Session session;
+    Consume(false, [](const MetricsEvent&) { throw std::runtime_error("dropped"); });
+    Consume(false, [&](const MetricsEvent&) { ++behindOnDelivery; });
+    Consume(true, [&](const MetricsEvent&) { ++before; });
+    const auto throwing =
+        Consume(true, [](const MetricsEvent&) { throw std::runtime_error("seen"); });
+    Consume(true, [&](const MetricsEvent&) { ++behind; });
+    EXPECT_THROW(Send(0), std::runtime_error);
+    Flush();
+    EXPECT_EQ(before, 1);
+    EXPECT_EQ(behind, 0);
+    EXPECT_EQ(behindOnDelivery, 0) << "the event is lost";
+    EXPECT_TRUE(Manager().RemoveConsumer(throwing));
+    Send(1);
+    Flush();
+    EXPECT_EQ(behind, 1);
+    EXPECT_EQ(behindOnDelivery, 1);
+}
+
+TEST(Consumer, ThatThrowsReachesWhoeverEmitsButNoDestructor) {
+    bool throws = false;
+    const Transcript delivered(false);
+    const Session session;
+    Consume(true, [&throws](const MetricsEvent&) {
+        if (throws)
+            throw std::runtime_error("seen");
+    });
+    Context context(0, Context::Create(true));
+    context.OpenScope();
+    UniqueMetricsContext child(true);
+    Flush();
+    delivered.Next();
+    throws = true;
+    EXPECT_THROW(Send(0), std::runtime_error);
+    EXPECT_THROW(AttributeImpl(0, 0, 0), std::runtime_error);
+    EXPECT_THROW(context.Emit("lost"), std::runtime_error);
+    EXPECT_THROW(Scope("lost"), std::runtime_error);
+    EXPECT_THROW(Context::Create(true), std::runtime_error);
+    EXPECT_THROW(Context(0, 8), std::runtime_error);
+    EXPECT_THROW(child.Open(), std::runtime_error);
+    EXPECT_THROW(UniqueMetricsContext(true), std::runtime_error);
+    EXPECT_THROW(SharedMetricsContext(true), std::runtime_error);
+    EXPECT_EQ(Manager().GetCurrentThreadContext(), &context);
+    throws = false;
+    {
+        const Scope scope("scope");
+        const auto opened = child.Open(); // tried again
+        throws = true;
+    } // neither of these is delivered
+    EXPECT_EQ(Manager().GetCurrentThreadContext(), &context);
+    throws = false;
+    Flush();
+    EXPECT_EQ(delivered.Next(), "ScopeOpened s2 in 1: \"scope\", 0\n"
+                                "Opened 2 in 1: 0, 2\n");
+}
+
+TEST(Consumer, IsNotLeftBehindByAnOpenThatThrows) {
+    const TemporaryFile file;
+    int passing = 0;
+    const Session session;
+    const auto throwing = Consume(true, [&passing](const MetricsEvent&) {
+        if (passing-- == 0)
+            throw std::runtime_error("refused");
+    });
+    for (const int events : {0, 1}) { // ContextCreated, ContextOpened
+        MetricsRawClient client;
+        passing = events;
+        EXPECT_THROW(Open(client, file.path), std::runtime_error);
+        passing = -1;
+        EXPECT_EQ(Manager().GetCurrentThreadContext(), nullptr);
+        Send("too late");
         Flush();
-        EXPECT_EQ(std::exchange(synchronous, ""), step.synchronous);
-        EXPECT_EQ(std::exchange(asynchronous, ""), step.asynchronous);
+        EXPECT_EQ(Count(ReadFile(file.path), "\n"), 1u) << "the header";
+        EXPECT_EQ(Count(ReadFile(file.path), "too late"), 0u);
+        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+            EXPECT_NE(std::filesystem::read_symlink(entry).filename(), file.path);
+        EXPECT_TRUE(client.Open()) << "tried again";
+        Send("in time");
+        client.Close();
+        EXPECT_EQ(Count(ReadFile(file.path), ",7,in time,0\n"), 1u);
     }
-    EXPECT_TRUE(Manager().AddConsumer(consumers[0], 0, true)); // no category, and a single one
-    EXPECT_TRUE(Manager().AddConsumer(consumers[0], MetricsBits::net, false));
-    for (const std::uint64_t bits : {std::uint64_t{0xFFF}, +MetricsBits::act, +MetricsBits::net})
-        Send(0, 0, bits);
-    EXPECT_TRUE(Manager().Disable());
-    EXPECT_EQ(synchronous + " " + asynchronous, "aa aa") << "three events and Shutdown";
+}
+
+/// A consumer that calls everything when it is destroyed, on whatever thread that is.
+static MetricsListenerPtr ConsumeUntilDestroyed(bool synchronous, std::atomic<int>& destroyed) {
+    const std::shared_ptr<void> token(nullptr, [&destroyed](void*) {
+        const auto other = MakeListener([](const MetricsEvent&) {});
+        Manager().AddConsumer(other, everyBit, true);
+        Manager().RemoveConsumer(other);
+        Send(1);
+        Flush();
+        ++destroyed;
+    });
+    return Consume(synchronous, [token](const MetricsEvent&) {});
 }
 
 TEST(Consumer, MayCallTheManagerFromItsDestructor) {
-    std::atomic<int> gone{0};
-    const auto make = [&gone](bool synchronous) {
-        const std::shared_ptr<void> token(nullptr, [&gone](void*) {
-            const auto other = MakeListener([](const MetricsEvent&) {});
-            Manager().AddConsumer(other, everyBit, true);
-            Manager().RemoveConsumer(other);
-            Send(1);
-            Flush();
-            ++gone;
-        });
-        return Consume(synchronous, [token](const MetricsEvent&) {});
-    };
-    EXPECT_TRUE(Manager().RemoveConsumer(make(true)));
-    EXPECT_EQ(gone, 1);
-    make(true);
-    make(false);
+    std::atomic<int> destroyed{0};
+    EXPECT_TRUE(Manager().RemoveConsumer(ConsumeUntilDestroyed(true, destroyed)));
+    EXPECT_EQ(destroyed, 1);
+    EXPECT_TRUE(Manager().RemoveConsumer(ConsumeUntilDestroyed(false, destroyed)));
+    EXPECT_EQ(destroyed, 2);
+    ConsumeUntilDestroyed(true, destroyed);
+    ConsumeUntilDestroyed(false, destroyed);
+    EXPECT_EQ(destroyed, 2);
     EXPECT_TRUE(Manager().Disable());
-    EXPECT_EQ(gone, 3) << "consumers go when the delivery ends";
+    EXPECT_EQ(destroyed, 4) << "consumers go when the delivery ends";
 }
 
-TEST(Consumer, ThatThrowsLosesTheEventAndNothingElse) {
-    int passing = -1; // events that pass before all throw; -1: none throws
-    Consume(true, [&passing](const MetricsEvent&) {
-        if (passing == 0)
-            throw 5;
-        passing -= passing > 0;
-    });
-    std::atomic<int> delivered{0};
-    Consume(false, [&delivered](const MetricsEvent&) {
-        ++delivered;
-        throw 6;
-    });
-    Context context(0, 8);
-    passing = 1;
-    EXPECT_THROW(context.Emit("lost"), int);
-    passing = -1;
-    UniqueMetricsContext child(true);
-    {
-        const Scope scope("scope");
-        const Context closedByItsDestructor(0, 9);
-        passing = 0;
-        EXPECT_THROW(Send(5), int);
-        EXPECT_THROW(Scope("lost"), int);
-        EXPECT_THROW(child.Open(), int);
+TEST(Consumer, MayCallTheManagerFromItsDestructorWhenTheApplicationEndsTheDelivery) {
+    std::atomic<int> destroyed{0};
+    ConsumeUntilDestroyed(true, destroyed);
+    ConsumeUntilDestroyed(false, destroyed);
+    Send(0, 0, 0, MetricsEventType::Shutdown); // the library itself is not off
+    EXPECT_TRUE(Poll([&] { return destroyed == 2; }));
+}
+
+TEST(Consumer, IsReleasedByNobodyElse) {
+    std::atomic<int> destroyed{0};
+    std::shared_ptr<void> token(nullptr, [&destroyed](void*) { ++destroyed; });
+    auto kept = Consume(false, [token](const MetricsEvent&) {});
+    token = nullptr;
+    EXPECT_TRUE(Manager().AddConsumer(kept, everyBit, true));
+    EXPECT_TRUE(Manager().RemoveConsumer(kept));
+    EXPECT_TRUE(Manager().RemoveConsumer(kept));
+    EXPECT_EQ(destroyed, 0);
+    kept = nullptr;
+    EXPECT_EQ(destroyed, 1);
+}
+
+/// What a value carries is let go by the delivery thread, where the application's code may run.
+TEST(Consumer, MayBeRegisteredByWhatAnEventCarries) {
+    std::atomic<int> registered{0}, delivered{0};
+    const Session session;
+    const auto carrier = [&registered] {
+        MetricsValue value(1);
+        value.extra = std::shared_ptr<const void>(&value, [&registered](const void*) {
+            const auto other = MakeListener([](const MetricsEvent&) {});
+            registered += Manager().AddConsumer(other, everyBit, true) &&
+                          Manager().AddConsumer(other, everyBit, false) &&
+                          Manager().RemoveConsumer(other) && Manager().RemoveConsumer(other);
+        });
+        return value;
+    };
+    Consume(false, [&delivered](const MetricsEvent&) { ++delivered; });
+    for (int i = 0; i < 100; ++i) {
+        AttributeImpl(carrier(), 0, 0);
+        Send(0, carrier());
     }
-    EXPECT_EQ(Manager().GetCurrentThreadContext(), &context);
-    passing = -1;
-    child.Open();
-    passing = 0;
-    EXPECT_THROW(context.Close(), int);
-    MetricsRawClient client;
-    EXPECT_THROW(Open(client, "/dev/null"), int);
-    passing = -1;
-    EXPECT_TRUE(Open(client, "/dev/null"));
-    passing = 0;
-    client.Close(); // does not throw
-    EXPECT_EQ(Manager().GetCurrentThreadContext(), nullptr);
-    EXPECT_TRUE(Manager().Disable());
-    EXPECT_EQ(delivered, 12) << "everything was announced once, and nothing that was lost";
+    EXPECT_TRUE(Poll([&] { return registered == 200; }));
+    EXPECT_EQ(delivered, 200);
 }
 
 } // namespace Metrics::test

@@ -7,17 +7,20 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <thread>
 #include <vector>
 
 namespace Metrics::test {
 
-/// The two roads into the buffer: an event of the application's, and one that the library builds.
+/// Both ways of an event: one of the application's, and one that the library builds.
 static void Emit(std::uint64_t first, std::uint64_t second) {
     second % 3 == 0 ? static_cast<void>(Send(first, second)) : AttributeImpl(first, second, 0);
 }
@@ -80,69 +83,299 @@ TEST(Delivery, LosesRepeatsAndReordersNothingInAThousandSwaps) {
     EXPECT_EQ(delivered, begun);
 }
 
-TEST(Delivery, EndsAtShutdownAndLetsEveryWaiterGo) {
-    korsys::TEvent entered(false), release(false);
-    std::int64_t last = -1; // delivery thread only, until Disable has returned
-    std::atomic<bool> released{false};
-    std::atomic<int> waiting{0};
-    const auto flush = [&] {
-        ++waiting;
+/// Holds the delivery thread inside of a consumer call.
+class HeldDelivery {
+public:
+    /// Emits an event, and returns when the delivery stands in it.
+    HeldDelivery() {
+        m_listener = Consume(false, [this](const MetricsEvent&) {
+            m_entered.Signal();
+            m_release.Wait(forever);
+        });
+        Send(0);
+        EXPECT_TRUE(m_entered.Wait(forever));
+    }
+    void Release() { m_release.Signal(); }
+    bool Remove() { return Manager().RemoveConsumer(m_listener); }
+
+private:
+    korsys::TEvent m_entered{false}, m_release{false};
+    MetricsListenerPtr m_listener;
+};
+
+/// A thread that calls something; made when it sleeps in there.
+class SleepingThread {
+public:
+    template <class Body>
+    explicit SleepingThread(Body body)
+        : m_thread([this, body] {
+              m_id = gettid();
+              body();
+              m_id = -1;
+          }) {
+        EXPECT_TRUE(Poll([this] { return m_id < 0 || (m_id != 0 && IsAsleep(m_id)); }));
+        EXPECT_NE(m_id, -1) << "has not waited";
+    }
+
+private:
+    std::atomic<pid_t> m_id{0};
+    std::jthread m_thread;
+};
+
+TEST(Delivery, FlushWaitsForWhatWasQueuedBeforeIt) {
+    std::atomic<std::int64_t> last{-1};
+    std::optional<HeldDelivery> held;
+    const Session session;
+    Consume(false, [&last](const MetricsEvent& event) { last = event.param1.integer; });
+    for (int i = 1; i <= 5; ++i) {
+        held.emplace();
+        Send(i); // behind the batch that is being delivered
+        {
+            const SleepingThread flush([&last, i] {
+                Flush();
+                EXPECT_EQ(last, i);
+            });
+            held->Release();
+        }
+        EXPECT_TRUE(held->Remove());
+    }
+}
+
+TEST(Delivery, FlushGivesUpAtItsTimeOut) {
+    HeldDelivery held;
+    for (const unsigned int milliseconds : {0u, 1u, 300u}) {
         const auto start = Clock::now();
-        Flush();
-        EXPECT_LT(SecondsSince(start), forever / 2000.0) << "never released";
-    };
-    Consume(false, [&](const MetricsEvent& event) { last = event.param1.integer; });
-    const auto holding = Consume(false, [&](const MetricsEvent&) {
-        entered.Signal();
-        release.Wait(forever);
-        released = true;
-    });
-    Send(0);
-    ASSERT_TRUE(entered.Wait(forever));
-    Manager().WaitUntilWritesFlushed(1); // in vain
-    for (std::uint64_t i = 0; i <= 1000; ++i)
-        Send(i, 0, 0, i % 301 == 300 ? MetricsEventType::Shutdown : MetricsEventType::Custom);
+        Manager().WaitUntilWritesFlushed(milliseconds);
+        EXPECT_GE(SecondsSince(start), milliseconds / 1000.0);
+        EXPECT_LT(SecondsSince(start), milliseconds / 1000.0 + 5);
+    }
+    held.Release();
+    EXPECT_TRUE(Manager().Disable());
+    const auto start = Clock::now();
+    Flush();
+    EXPECT_LT(SecondsSince(start), forever / 2000.0) << "it is off";
+}
+
+TEST(Delivery, RemovalWaitsForTheCallInProgress) {
+    HeldDelivery held;
+    std::atomic<bool> released{false};
     {
-        const std::jthread first(flush), second(flush), remover([&] {
-            ++waiting;
-            Manager().RemoveConsumer(holding);
+        const SleepingThread remover([&] {
+            EXPECT_TRUE(held.Remove());
             EXPECT_TRUE(released) << "removed during a call";
         });
-        while (waiting < 3)
-            std::this_thread::yield();
-        release.Signal();
+        released = true;
+        held.Release();
     }
     EXPECT_TRUE(Manager().Disable());
-    EXPECT_EQ(last, 299);
+}
+
+TEST(Delivery, EndsAtTheApplicationsOwnShutdown) {
+    korsys::TEvent release(false);
+    std::vector<std::int64_t> delivered;
+    Manager().SetThreadInitFunction([&release] { release.Wait(forever); });
+    const auto consumer = Consume(false, [&delivered](const MetricsEvent& event) {
+        EXPECT_NE(event.eventType, MetricsEventType::Shutdown);
+        delivered.push_back(event.param1.integer);
+    });
+    const auto flush = [] {
+        const auto start = Clock::now();
+        Flush();
+        EXPECT_LT(SecondsSince(start), forever / 2000.0) << "never signalled";
+    };
+    Context context(0, 1);
+    {
+        Send(1);
+        Send(2);
+        const SleepingThread before(flush);
+        Send(3, 0, MetricsBits::act, MetricsEventType::Shutdown);
+        const SleepingThread behind(flush), another(flush); // in the Shutdown's own batch
+        Send(4);
+        release.Signal();
+    }
+    flush();
+    EXPECT_TRUE(Poll([] { return !TestBits(0); })) << "the mask is 0";
+    EXPECT_FALSE(TestBitsAndContext(0));
+    EXPECT_FALSE(Manager().AddConsumer(consumer, everyBit, true));
+    EXPECT_FALSE(Manager().AddConsumer(consumer, everyBit, false));
+    EXPECT_FALSE(Manager().RemoveConsumer(consumer)) << "it was released";
+    Manager().SetBits(everyBit);
+    EXPECT_EQ(Send(5)->timestamp, 0u);
+    context.Emit("late");
+    Manager().Enable();
+    EXPECT_FALSE(Manager().AddConsumer(consumer, everyBit, false));
+    Manager().Disable();
+    EXPECT_EQ(delivered, (std::vector<std::int64_t>{0, 1, 2})) << "0: the opened context";
+}
+
+/// What synchronous consumers take for the Shutdown event is not taken from the delivery, and what
+/// they emit is delivered.
+TEST(Delivery, GivesTheConsumersOfTheShutdownTheirTime) {
+    std::vector<std::int64_t> delivered;
+    int shutdowns = 0;
+    Consume(true, [&shutdowns](const MetricsEvent& event) {
+        if (event.eventType != MetricsEventType::Shutdown)
+            return;
+        ++shutdowns;
+        EXPECT_EQ(event.bits, 0u);
+        EXPECT_NE(event.timestamp, 0u);
+        Send(2);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1200)); // longer than Disable waits
+    });
+    Consume(true, [](const MetricsEvent& event) {
+        if (event.eventType == MetricsEventType::Shutdown)
+            throw std::runtime_error("dropped");
+    });
+    Consume(false, [&delivered](const MetricsEvent& event) {
+        if (delivered.empty()) // takes its own time
+            std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        delivered.push_back(event.param1.integer);
+    });
+    Send(1);
+    EXPECT_TRUE(Manager().Disable());
+    EXPECT_EQ(shutdowns, 1);
+    EXPECT_EQ(delivered, (std::vector<std::int64_t>{1, 2}));
+    EXPECT_FALSE(Manager().Disable());
+}
+
+TEST(Delivery, HoldsAnyNumberOfEventsBack) {
+    constexpr int threads = 4;
+    constexpr std::uint64_t perThread = 100000;
+    std::array<std::uint64_t, threads> expected{};
+    std::uint64_t outOfOrder = 0;
+    korsys::TEvent release(false);
+    Manager().SetThreadInitFunction([&release] { release.Wait(forever); });
+    Consume(false, [&](const MetricsEvent& event) {
+        auto& next = expected.at(static_cast<std::size_t>(event.param1.integer));
+        outOfOrder += static_cast<std::uint64_t>(event.param2.integer) != next;
+        ++next;
+    });
+    {
+        std::vector<std::jthread> emitters;
+        for (std::uint64_t thread = 0; thread < threads; ++thread)
+            emitters.emplace_back([thread] {
+                for (std::uint64_t i = 0; i < perThread; ++i)
+                    Emit(thread, i);
+            });
+    }
+    release.Signal();
+    Flush();
+    EXPECT_TRUE(Manager().Disable());
+    EXPECT_EQ(outOfOrder, 0u);
+    for (const std::uint64_t count : expected)
+        EXPECT_EQ(count, perThread);
+}
+
+/// The shortest of several times until an event is delivered: the machine may be busy.
+static double SecondsUntilDelivered(bool flushes) {
+    std::atomic<bool> isDelivered{false};
+    const auto listener = Consume(false, [&isDelivered](const MetricsEvent& event) {
+        if (event.bits == MetricsBits::test1)
+            isDelivered = true;
+    });
+    double shortest = forever;
+    for (int i = 0; i < 9; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(30)); // the thread falls asleep
+        isDelivered = false;
+        const auto start = Clock::now();
+        Send(0, 0, MetricsBits::test1);
+        if (flushes)
+            Flush();
+        EXPECT_TRUE(Poll([&] { return isDelivered.load(); }));
+        shortest = std::min(shortest, SecondsSince(start));
+    }
+    EXPECT_TRUE(Manager().RemoveConsumer(listener));
+    return shortest;
+}
+
+TEST(Delivery, ComesSoonWhetherIdleOrBusy) {
+    const Session session;
+    EXPECT_LT(SecondsUntilDelivered(false), 0.15) << "an idle thread looks every 100 ms";
+    EXPECT_LT(SecondsUntilDelivered(true), 0.05) << "a flush wakes it";
+    std::jthread load([](const std::stop_token& done) {
+        for (int i = 0; !done.stop_requested(); ++i) {
+            Send(i, 0, MetricsBits::act);
+            if (i % 20 == 0)
+                std::this_thread::sleep_for(std::chrono::microseconds(200));
+        }
+    });
+    EXPECT_LT(SecondsUntilDelivered(false), 0.05) << "a busy one goes on at once";
+}
+
+/// Nanoseconds of processor time that the delivery thread has used.
+static std::uint64_t DeliveryTime() {
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task"))
+        if (ReadFile(task.path() / "comm") == "metrics\n")
+            return std::stoull(ReadFile(task.path() / "schedstat"));
+    ADD_FAILURE() << "no such thread";
+    return 0;
+}
+
+TEST(Delivery, SleepsWhenThereIsNothingToDo) {
+    const Session session;
+    Consume(true, [](const MetricsEvent&) {});
+    Consume(false, [](const MetricsEvent&) {});
+    for (const int events : {0, 1, 100000}) {
+        for (int i = 0; i < events; ++i)
+            Send(i);
+        Flush(); // also wakes it
+        Flush();
+        std::this_thread::sleep_for(std::chrono::milliseconds(300)); // memory is given back
+        const std::uint64_t before = DeliveryTime();
+        std::this_thread::sleep_for(std::chrono::milliseconds(700));
+        EXPECT_LT(DeliveryTime() - before, 70'000'000u) << "a tenth of the time, at " << events;
+    }
 }
 
 TEST(Delivery, BeginsWithTheInitFunctionAndEndsWithWhatWasQueued) {
     korsys::TEvent release(false);
     std::string log; // delivery thread only, until Disable has returned
-    Manager().SetThreadInitFunction([&] {
+    const auto token = std::make_shared<int>();
+    Manager().SetThreadInitFunction([token, &log] { log += "replaced"; });
+    Manager().SetThreadInitFunction([&, token] {
         sigset_t mask;
         pthread_sigmask(SIG_BLOCK, nullptr, &mask);
-        for (const int signal :
-             {SIGTERM, SIGPROF, SIGCHLD, SIGSEGV, SIGFPE, SIGBUS, SIGILL, SIGTRAP, SIGABRT})
-            log += sigismember(&mask, signal) == 1 ? " blocked" : " open";
+        for (const int signal : {SIGTERM, SIGPROF, SIGCHLD})
+            EXPECT_EQ(sigismember(&mask, signal), 1) << signal;
+        for (const int signal : {SIGSEGV, SIGFPE, SIGBUS, SIGILL, SIGTRAP, SIGABRT})
+            EXPECT_EQ(sigismember(&mask, signal), 0) << signal;
+        log += "init";
         release.Wait(forever);
         throw std::runtime_error("dropped");
     });
+    EXPECT_EQ(token.use_count(), 2) << "the replaced one is released";
     Consume(true, [&](const MetricsEvent& event) {
         if (event.eventType == MetricsEventType::Shutdown)
             release.Signal(); // Disable has begun
     });
     const auto consumer = Consume(false, [&](const MetricsEvent& event) {
+        EXPECT_EQ(token.use_count(), 1) << "the init function is released right after";
         log += ' ' + std::to_string(event.param1.integer);
     });
+    EXPECT_TRUE(Poll([] { return ThreadsNamed("metrics") == 1; }));
+    Manager().Enable(); // nothing more begins
+    Manager().SetThreadInitFunction([&log] { log += "too late"; });
     Send(1);
     Send(2);
     EXPECT_TRUE(Manager().Disable());
-    EXPECT_EQ(log, " blocked blocked blocked open open open open open open 1 2");
+    EXPECT_EQ(log, "init 1 2");
 
     Manager().Enable(); // off is for good
     EXPECT_EQ(Manager().SetBits(everyBit) + Send(3)->timestamp + Context::Create(true), 0u);
     EXPECT_FALSE(Manager().AddConsumer(consumer, everyBit, false));
+}
+
+TEST(Delivery, LeavesErrnoAloneInAThreadsFirstEmit) {
+    Start();
+    // A thread that finds the record of one that has ended asks the kernel about it.
+    for (int i = 0; i < 5; ++i)
+        std::thread([] {
+            errno = EXDEV;
+            Send(1);
+            EXPECT_EQ(errno, EXDEV);
+            const Context context(0, Context::Create(true));
+            EXPECT_EQ(errno, EXDEV);
+        }).join();
 }
 
 TEST(Delivery, FirstUsersThatRaceShareOneInstance) {

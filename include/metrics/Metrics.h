@@ -8,9 +8,11 @@
 #include <metrics/MetricsEvent.h>
 #include <metrics/MetricsFileClient.h>
 #include <metrics/MetricsFileError.h>
+#include <metrics/MetricsFilter.h>
 #include <metrics/MetricsManager.h>
 #include <metrics/MetricsRawClient.h>
 #include <metrics/MetricsScope.h>
+#include <metrics/MetricsThreadContext.h>
 #include <metrics/MetricsTimer.h>
 #include <metrics/MetricsTraceClient.h>
 #include <metrics/MetricsVersion.h>

@@ -1,8 +1,10 @@
 #ifndef METRICS_CONTEXT_H
 #define METRICS_CONTEXT_H
 
+#include <metrics/MetricsArgument.h>
 #include <metrics/MetricsEvent.h>
 #include <metrics/MetricsExport.h>
+#include <metrics/MetricsFilter.h>
 #include <metrics/MetricsManager.h>
 #include <metrics/MetricsScope.h>
 
@@ -10,6 +12,7 @@
 #include <memory>
 #include <string>
 #include <type_traits>
+#include <utility>
 
 /// Emits ContextCreated for a new id, unless it is 0. Context::Create does this for you.
 ///
@@ -30,9 +33,14 @@ namespace Metrics {
 ///
 /// A context with id 0 is disabled: it accepts every call and emits nothing.
 ///
-/// The stacks of threads hold plain pointers. The constructor attaches the context to the calling
-/// thread, Close and the destructor detach it from the calling thread only: detach it from any
-/// other thread there, before it is destroyed.
+/// The first use counts: a context that is used for the first time while the mask is 0, or on a
+/// thread without an enabled current context, stays mute for good, its scope closed, and its Emit
+/// does nothing. So does one that is closed before its first use. To pause the recording of
+/// contexts that live on, open their scopes (OpenScope) before the mask is cleared.
+///
+/// The constructor attaches the context to the calling thread, Close and the destructor detach it
+/// from the calling thread. Wherever else it is attached, it is current until it is destroyed, by
+/// whichever thread.
 ///
 /// Thread-safety: one thread at a time for each object; IsEnabled, GetContextId,
 /// GetParentContextId, AttachToThread, DetachFromThread and AddAttribute are safe from any thread
@@ -117,17 +125,46 @@ public:
     /// @throws std::bad_alloc, and what a synchronous consumer throws.
     void OpenScope();
 
-    /// Emits a Custom event with two values through the context's own scope.
+    /// Emits a Custom event with two values through the context's own scope. They are anything that
+    /// a MetricsValue can be made of; nothing is made of them while the mask is 0 or the scope is
+    /// not open.
     ///
-    /// Cost: that of MetricsManager::EmitEvent.
+    /// Cost: that of MetricsManager::EmitEvent; a load and a test while the mask is 0.
     /// @throws std::bad_alloc, and what a synchronous consumer throws; the event is lost then.
-    void Emit(MetricsValue&& first, MetricsValue&& second);
+    template <class First, class Second>
+    void Emit(const First& first, const Second& second) {
+        if (detail::PassesLiveMask(0))
+            EmitGated(first, second);
+        else if (!m_isUsed)
+            OpenScope();
+    }
+    /// The same, of values that may be taken over.
+    template <class First, class Second,
+              class = std::enable_if_t<detail::isGivenAway<First> || detail::isGivenAway<Second>>>
+    void Emit(First&& first, Second&& second) {
+        if (detail::PassesLiveMask(0))
+            EmitGated(std::forward<First>(first), std::forward<Second>(second));
+        else if (!m_isUsed)
+            OpenScope();
+    }
+    /// The same, of two values that are there already.
+    void Emit(MetricsValue&& first, MetricsValue&& second) {
+        EmitArguments(detail::Argument(std::move(first)), detail::Argument(std::move(second)));
+    }
 
     /// Emits a Custom event with one value; the second is empty.
     ///
-    /// Cost: that of MetricsManager::EmitEvent.
+    /// Cost: as above.
     /// @throws std::bad_alloc, and what a synchronous consumer throws; the event is lost then.
-    void Emit(MetricsValue&& first) { Emit(static_cast<MetricsValue&&>(first), MetricsValue()); }
+    template <class First>
+    void Emit(const First& first) {
+        Emit(first, 0);
+    }
+    /// The same, of a value that may be taken over.
+    template <class First, class = std::enable_if_t<detail::isGivenAway<First>>>
+    void Emit(First&& first) {
+        Emit(std::forward<First>(first), 0);
+    }
 
     /// Closes the context's own scope, detaches the context from the calling thread and announces
     /// its end, once. All three are done whatever happens.
@@ -137,15 +174,28 @@ public:
     void Close();
 
 private:
-    void OpenOwnScope();
+    friend class MetricsThreadContext;
+    friend class Scope;
+
+    // Kept out of Emit, which is inlined wherever it is called.
+    template <class First, class Second>
+    [[gnu::noinline]] void EmitGated(First&& first, Second&& second) {
+        // What must be made into values first is not, unless they are emitted.
+        constexpr bool isPlain = detail::isPlainArgument<detail::Bare<First>> &&
+                                 detail::isPlainArgument<detail::Bare<Second>>;
+        if (isPlain || PrepareEmit())
+            EmitArguments(detail::Argument(detail::AsArgument(std::forward<First>(first))),
+                          detail::Argument(detail::AsArgument(std::forward<Second>(second))));
+    }
+    bool PrepareEmit();
+    void EmitArguments(const detail::Argument& first, const detail::Argument& second);
+    detail::ContextState& NeedState();
 
     std::uint64_t m_id;
     std::uint64_t m_parentId;
+    detail::ContextState* m_state = nullptr; // null for a disabled context that nobody has attached
     bool m_isOpen = false;
-    bool m_scopeOpened = false;
-    std::unique_ptr<Scope> m_scope;
-    std::string m_name;
-    int m_attributesEmitted = 0; // how far OpenScope came
+    bool m_isUsed = false; // OpenScope need not be called
 };
 
 /// One pending child of the context that is current where the handle is made. It is announced

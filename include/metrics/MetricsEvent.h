@@ -22,16 +22,6 @@ namespace detail {
 template <class T>
 using Plain = std::remove_cv_t<std::remove_reference_t<T>>;
 
-template <class T>
-inline constexpr bool isScalar = std::is_arithmetic_v<Plain<T>> || std::is_enum_v<Plain<T>>;
-
-/// For pairs of templates of which one takes a parameter by value, the other by reference: numbers
-/// and flags by value, since a bit-field cannot be bound to a reference.
-template <class T>
-using IfByValue = std::enable_if_t<isScalar<T>, int>;
-template <class T>
-using IfByReference = std::enable_if_t<!isScalar<T>, int>;
-
 /// Whether it is a class that is neither a value nor a text already.
 template <class T>
 using IsForeignClass = std::conjunction<std::is_class<Plain<T>>,

@@ -3,112 +3,14 @@
 
 #include <metrics/MetricsEvent.h>
 #include <metrics/MetricsExport.h>
+#include <metrics/MetricsFilter.h>
+#include <metrics/MetricsThreadContext.h>
 
-#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <vector>
 
 namespace Metrics {
-
-class Context;
-
-namespace detail {
-
-/// The manager's mask, on a cache line of its own. It is exported so that a call whose category is
-/// off ends in the caller's own code, after one load; change it through the manager only.
-struct alignas(64) LiveMask {
-    std::atomic<std::uint64_t> m_bits{0};
-};
-
-static_assert(sizeof(LiveMask) == 64, "nothing else on its cache line");
-
-extern METRICS_EXPORT LiveMask s_liveMask;
-
-/// The condition, which the compiler takes for false.
-inline bool Unlikely(bool condition) noexcept {
-    return __builtin_expect(static_cast<long>(condition), 0) != 0;
-}
-
-/// TestBits(eventBits, mask), in the caller's own code.
-inline bool PassesMask(std::uint64_t eventBits, std::uint64_t mask) noexcept {
-    constexpr std::uint64_t categories = ~std::uint64_t{0xFFF};
-    return (eventBits & categories) == 0 || (eventBits & categories & mask) != 0;
-}
-
-/// TestBits(eventBits), in the caller's own code. What is recorded costs much more than a jump,
-/// what is not must cost nothing.
-inline bool PassesLiveMask(std::uint64_t eventBits) noexcept {
-    // Relaxed: the mask guards nothing. A call that races with a change may go either way.
-    const std::uint64_t mask = s_liveMask.m_bits.load(std::memory_order_relaxed);
-    // The shared category first: then a constant category costs one test.
-    constexpr std::uint64_t categories = ~std::uint64_t{0xFFF};
-    return Unlikely((eventBits & mask & categories) != 0 ||
-                    (mask != 0 && (eventBits & categories) == 0));
-}
-
-} // namespace detail
-
-/// Whether an event of category mask `eventBits` passes a consumer of mask `consumerBits`: true
-/// when the event has no category (bits 12 to 63 all clear), else when the two share one.
-///
-/// Thread-safety: safe from any thread at any time.
-/// Cost: one call and a few instructions; takes no lock and allocates nothing.
-METRICS_EXPORT bool TestBits(std::uint64_t eventBits, std::uint64_t consumerBits) noexcept;
-
-/// Whether the process records events of category mask `eventBits` at all: false while the
-/// manager's mask is 0, else the same test against that mask.
-///
-/// Thread-safety: safe from any thread at any time.
-/// Cost: one call, a relaxed load and a test; takes no lock and allocates nothing.
-METRICS_EXPORT bool TestBits(std::uint64_t eventBits) noexcept;
-
-/// The contexts attached to one thread, oldest first; the last is the thread's current context.
-/// The pointers do not own: a context is detached before it is destroyed.
-///
-/// Thread-safety: one thread at a time for each object; the library touches only the stack of the
-/// calling thread.
-class METRICS_EXPORT MetricsThreadContext {
-public:
-    /// An empty stack; allocates nothing.
-    MetricsThreadContext() noexcept;
-    /// Lets the contexts be: it does not own them.
-    ~MetricsThreadContext();
-    MetricsThreadContext(const MetricsThreadContext&) = delete;
-    MetricsThreadContext& operator=(const MetricsThreadContext&) = delete;
-
-    /// Puts the context on top, however often it stands there already.
-    ///
-    /// Cost: takes no lock; allocates when the stack grows deeper than ever before.
-    /// @throws std::bad_alloc
-    void AttachContext(Context* context);
-
-    /// Removes every occurrence of the context; the others keep their order. Does nothing when it
-    /// is not there.
-    ///
-    /// Cost: a pass over the stack; takes no lock and allocates nothing.
-    void DetachContext(Context* context) noexcept;
-
-    /// The id of the top context; 0 for none.
-    /// Cost: a few loads; takes no lock and allocates nothing.
-    std::uint64_t GetMetricsContextId() const noexcept;
-
-    /// The parent id of the top context; 0 for none.
-    /// Cost: a few loads; takes no lock and allocates nothing.
-    std::uint64_t GetParentMetricsContextId() const noexcept;
-
-    /// The top context; null for none.
-    Context* GetCurrentContext() const noexcept {
-        return m_contexts.empty() ? nullptr : m_contexts.back();
-    }
-
-private:
-    friend class Context;
-    void ReserveOne();
-
-    std::vector<Context*> m_contexts;
-};
 
 /// The process-wide hub. It drops events whose category bits are off, stamps the rest, hands them
 /// at once to the synchronous consumers and queues them for the asynchronous ones, which one

@@ -1,17 +1,21 @@
 #ifndef METRICS_SCOPE_H
 #define METRICS_SCOPE_H
 
+#include <metrics/MetricsArgument.h>
 #include <metrics/MetricsEvent.h>
 #include <metrics/MetricsExport.h>
-#include <metrics/MetricsManager.h>
+#include <metrics/MetricsFilter.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <type_traits>
 #include <utility>
 
 namespace Metrics {
 
-class Context;
+namespace detail {
+struct ContextState;
+}
 
 /// The gate of every scope and attribute: the bits pass the manager's mask, and the calling thread
 /// has an enabled current context.
@@ -39,12 +43,20 @@ public:
     /// Opens a scope when the gate lets `bits` through; otherwise it stays closed and emits
     /// nothing. The label is anything that a MetricsValue can be made of.
     ///
-    /// Cost: one load when the bits are off, one call when there is no context; no allocation.
+    /// Cost: one load when the bits are off, one call when there is no context; no allocation, but
+    /// for a label of more than 100 characters.
     /// @throws std::bad_alloc, and what a synchronous consumer throws; no scope was opened then.
-    template <class Label, class = std::enable_if_t<std::is_constructible_v<MetricsValue, Label&&>>>
+    template <class Label,
+              class = std::enable_if_t<std::is_constructible_v<MetricsValue, const Label&>>>
+    explicit Scope(const Label& label, std::uint64_t bits = 0) : m_bits(bits) {
+        if (detail::PassesLiveMask(bits))
+            OpenGated(label);
+    }
+    /// The same, of a label that may be taken over.
+    template <class Label, class = std::enable_if_t<detail::isGivenAway<Label>>, class = void>
     explicit Scope(Label&& label, std::uint64_t bits = 0) : m_bits(bits) {
         if (detail::PassesLiveMask(bits))
-            OpenGated(std::forward<Label>(label), bits);
+            OpenGated(std::forward<Label>(label));
     }
 
     /// Closes the scope. What a synchronous consumer throws is dropped here.
@@ -57,27 +69,22 @@ public:
     Scope(const Scope&) = delete;
     Scope& operator=(const Scope&) = delete;
 
-    /// Emits a Custom event with one value, while the scope is open and its bits pass.
+    /// Emits a Custom event with one or two values, while the scope is open and its bits pass.
     ///
     /// Cost: two tests when it is closed or its bits are off, else that of
     /// MetricsManager::EmitEvent.
     /// @throws std::bad_alloc, and what a synchronous consumer throws; the event is lost then.
-    template <class First>
-    void Emit(First&& first) const {
+    template <class First, class Second = int>
+    void Emit(const First& first, const Second& second = 0) const {
         if (IsOpen() && detail::PassesLiveMask(m_bits))
-            EmitImpl(MetricsEventType::Custom, MetricsValue(std::forward<First>(first)),
-                     MetricsValue());
+            EmitGated(first, second);
     }
-
-    /// Emits a Custom event with two values, while the scope is open and its bits pass.
-    ///
-    /// Cost: as above.
-    /// @throws std::bad_alloc, and what a synchronous consumer throws; the event is lost then.
-    template <class First, class Second>
-    void Emit(First&& first, Second&& second) const {
+    /// The same, of values that may be taken over.
+    template <class First, class Second = int,
+              class = std::enable_if_t<detail::isGivenAway<First> || detail::isGivenAway<Second>>>
+    void Emit(First&& first, Second&& second = 0) const {
         if (IsOpen() && detail::PassesLiveMask(m_bits))
-            EmitImpl(MetricsEventType::Custom, MetricsValue(std::forward<First>(first)),
-                     MetricsValue(std::forward<Second>(second)));
+            EmitGated(std::forward<First>(first), std::forward<Second>(second));
     }
 
     /// Whether the scope has opened and not closed yet.
@@ -91,10 +98,10 @@ public:
 
     /// Opens the scope in the calling thread's current context, which must exist and be enabled:
     /// call it only after TestBitsAndContext(bits). The bits are those given when the scope was
-    /// made.
+    /// made. A scope that is open is opened anew, with another label.
     ///
     /// Cost: that of MetricsManager::EmitEvent.
-    /// @throws std::bad_alloc, and what a synchronous consumer throws; it stays closed then.
+    /// @throws std::bad_alloc, and what a synchronous consumer throws; it stays as it was then.
     void OpenImpl(MetricsValue&& label, std::uint64_t bits);
 
     /// Emits one event of this scope; it must have opened before.
@@ -106,21 +113,37 @@ public:
 private:
     // Kept out of the constructor, which is inlined wherever a scope is made.
     template <class Label>
-    [[gnu::noinline]] void OpenGated(Label&& label, std::uint64_t bits) {
-        if (TestBitsAndContext(bits))
-            OpenImpl(MetricsValue(std::forward<Label>(label)), bits);
+    [[gnu::noinline]] void OpenGated(Label&& label) {
+        // What must be made into a value first is not, while the gate is shut.
+        if (detail::isPlainArgument<detail::Bare<Label>> || TestBitsAndContext(m_bits))
+            OpenArgument(detail::Argument(detail::AsArgument(std::forward<Label>(label))));
     }
-
+    template <class First, class Second>
+    [[gnu::noinline]] void EmitGated(First&& first, Second&& second) const {
+        EmitArguments(MetricsEventType::Custom,
+                      detail::Argument(detail::AsArgument(std::forward<First>(first))),
+                      detail::Argument(detail::AsArgument(std::forward<Second>(second))));
+    }
+    void OpenArgument(const detail::Argument& label);
+    void OpenIn(detail::ContextState& context, const detail::Argument& label);
+    void EmitArguments(MetricsEventType type, const detail::Argument& first,
+                       const detail::Argument& second) const;
+    void ReleaseLabel() noexcept;
     void Finish() noexcept;
 
-    // A scope that stays closed costs a few stores and one test, hence no std::optional.
+    // A scope that stays closed costs a few stores and one test: the label is not touched then.
     enum class State : unsigned char { New, Open, Closed };
+    enum class Label : unsigned char { None, Characters, Value };
     State m_state = State::New;
-    union {
-        MetricsValue m_label; // not while it is New
-    };
+    Label m_labelForm = Label::None;
+    unsigned char m_labelSize = 0; // of Characters
     std::uint64_t m_bits = 0;
-    Context* m_context = nullptr; // not owned
+    std::uint64_t m_contextId = 0; // where it opened
+    static constexpr std::size_t keptCharacters = 104;
+    union {
+        MetricsValue m_label;
+        char m_characters[keptCharacters];
+    };
 };
 
 /// Emits an Attribute event against the calling thread's current context, without testing the
@@ -133,12 +156,17 @@ METRICS_EXPORT void AttributeImpl(MetricsValue&& name, MetricsValue&& value, std
 
 namespace detail {
 
+/// The attribute's event, when the thread has an enabled current context.
+METRICS_EXPORT void EmitAttribute(const Argument& name, const Argument& value, std::uint64_t bits);
+
 // Kept out of Attribute, which is inlined wherever it is called.
 template <class Name, class Value>
 [[gnu::noinline]] void AttributeGated(Name&& name, Value&& value, std::uint64_t bits) {
-    if (TestBitsAndContext(bits))
-        AttributeImpl(MetricsValue(std::forward<Name>(name)),
-                      MetricsValue(std::forward<Value>(value)), bits);
+    // What must be made into a value first is not, while the gate is shut.
+    constexpr bool isPlain = isPlainArgument<Bare<Name>> && isPlainArgument<Bare<Value>>;
+    if (isPlain || TestBitsAndContext(bits))
+        EmitAttribute(Argument(AsArgument(std::forward<Name>(name))),
+                      Argument(AsArgument(std::forward<Value>(value))), bits);
 }
 
 } // namespace detail
@@ -151,6 +179,13 @@ template <class Name, class Value>
 /// that of EmitEvent.
 /// @throws std::bad_alloc, and what a synchronous consumer throws; the event is lost then.
 template <class Name, class Value>
+void Attribute(const Name& name, const Value& value, std::uint64_t bits = 0) {
+    if (detail::PassesLiveMask(bits))
+        detail::AttributeGated(name, value, bits);
+}
+/// The same, of values that may be taken over.
+template <class Name, class Value,
+          class = std::enable_if_t<detail::isGivenAway<Name> || detail::isGivenAway<Value>>>
 void Attribute(Name&& name, Value&& value, std::uint64_t bits = 0) {
     if (detail::PassesLiveMask(bits))
         detail::AttributeGated(std::forward<Name>(name), std::forward<Value>(value), bits);

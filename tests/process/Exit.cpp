@@ -4,6 +4,9 @@
 #include "../support/Exercise.h"
 #include "../support/Process.h"
 
+#include <array>
+#include <csignal>
+
 using namespace Metrics;
 using namespace Metrics::test;
 
@@ -28,9 +31,26 @@ struct LateUser {
 LateUser s_lateUser;
 thread_local LateUser t_lateUser;
 
+std::atomic<bool> s_isHeld{false}, s_goesOn{false};
+
+/// A thread that was held in the middle of an emit since before the end goes on behind it: it does
+/// not write into memory that is in other hands by now.
+void GoOnBehindTheEnd() {
+    std::vector<std::string> blocks; // of every size that may have been freed
+    for (std::size_t size = 24; size <= 520; size += 16)
+        blocks.resize(blocks.size() + 50, std::string(size - 1, '\x5A'));
+    const std::vector<std::string> before = blocks;
+    const unsigned round = s_rounds[0];
+    s_goesOn = true;
+    VERIFY(Poll([&] { return s_rounds[0] - round >= 2; }));
+    VERIFY(blocks == before);
+}
+
 // Registered before the loader's own end is, so it runs when the library has been taken down.
 void AfterTheLibrary(int, void*) {
     VERIFY(!s_isBusy || (AllGoRoundAgain() && IsInert()));
+    if (s_isHeld)
+        GoOnBehindTheEnd();
 }
 [[gnu::section(".preinit_array"), gnu::used]] void (*const s_registerFirst)() = [] {
     on_exit(AfterTheLibrary, nullptr);
@@ -40,9 +60,10 @@ void GetBusy() {
     static std::atomic<unsigned> seen{0};
     Start();
     VERIFY(Consume(true, [](const MetricsEvent&) {
-        if (s_inside >= 0 && s_inside++ < 8)
-            while (!s_isEnding)
-                std::this_thread::yield();
+        if (s_inside < 0 || s_inside++ >= 8)
+            return;
+        while (!s_isEnding)
+            std::this_thread::yield();
     }));
     VERIFY(Consume(false, [](const MetricsEvent&) { ++seen; }));
     std::atexit([] {
@@ -56,30 +77,66 @@ void GetBusy() {
                 UseEverything("some text that is too long to be stored inside of a string");
         }).detach();
     VERIFY(AllGoRoundAgain());
-    std::thread([] { UseEverything((static_cast<void>(&t_lateUser), "early")); }).join();
+    std::thread([] {
+        static_cast<void>(&t_lateUser);
+        UseEverything("early");
+    }).join();
     s_inside = 0;
     VERIFY(Poll([] { return s_inside >= 8; }));
 }
 
-/// A consumer does not return, and maybe a registration waits for it: a second covers all of that,
-/// and whoever is late finds everything as it was.
-void GetStuck(bool synchronous, bool isRegistering) {
-    static std::atomic<pid_t> stuck{0}, registering{0};
+/// One thread emits and is held wherever it is, until all has ended. It does not run ahead of the
+/// delivery, and so allocates nothing: an allocator's locks would be held with it.
+void HoldAnEmitter() {
+    static std::atomic<unsigned> delivered{0};
+    std::signal(SIGUSR1, [](int) {
+        s_isHeld = true;
+        while (!s_goesOn)
+            usleep(100);
+    });
+    Start();
+    Consume(false, [](const MetricsEvent&) { ++delivered; });
+    std::thread emitter([] {
+        for (;; ++s_rounds[0]) {
+            while (!s_goesOn && s_rounds[0] - delivered > 3000)
+                std::this_thread::yield();
+            AttributeImpl(1, 2, 0);
+        }
+    });
+    VERIFY(Poll([] { return s_rounds[0] > 20000; }));
+    const unsigned before = s_rounds[0];
+    while (s_rounds[0] == before) {} // it is under way
+    pthread_kill(emitter.native_handle(), SIGUSR1);
+    emitter.detach();
+    VERIFY(Poll([] { return s_isHeld.load(); }));
+}
+
+/// A consumer does not return, and maybe its removal waits for it: a second covers all of that, and
+/// whoever is late finds everything as it was.
+void GetStuck(bool synchronous, bool isRemoved) {
+    static std::atomic<pid_t> stuck{0}, removing{0};
     static std::atomic<bool> hasLeft{false};
     Start();
     Consume(true, [](const MetricsEvent&) {});
-    VERIFY(Consume(synchronous, [](const MetricsEvent& event) {
-        for (; event.eventType != MetricsEventType::Shutdown && !s_isEnding; usleep(1000))
-            stuck = gettid();
-    }));
-    std::thread([] { UseEverything("stuck"), hasLeft = true; }).detach();
+    const auto consumer = Consume(synchronous, [](const MetricsEvent& event) {
+        if (event.eventType == MetricsEventType::Shutdown)
+            return;
+        stuck = gettid();
+        while (!s_isEnding)
+            usleep(1000);
+    });
+    VERIFY(consumer);
+    std::thread([] {
+        UseEverything("stuck");
+        hasLeft = true;
+    }).detach();
     VERIFY(Poll([] { return stuck != 0 && IsAsleep(stuck); }));
-    if (isRegistering) {
-        std::thread([] {
-            registering = gettid();
-            Consume(false, [](const MetricsEvent&) {});
+    if (isRemoved) {
+        std::thread([consumer] {
+            removing = gettid();
+            Manager().RemoveConsumer(consumer);
         }).detach();
-        VERIFY(Poll([] { return registering != 0 && IsAsleep(registering); }));
+        VERIFY(Poll([] { return removing != 0 && IsAsleep(removing); }));
     }
     const auto start = Clock::now();
     MetricsManager::ShutdownAndFreeInstance();
@@ -99,19 +156,35 @@ void ShutDown() {
 
 int main(int argc, char** argv) {
     static_cast<void>(&t_lateUser); // made before anything of the library's, so it goes after that
-    return RunCases(
-        argc, argv,
-        {{"return", GetBusy, 30, 300},
-         {"exit from a thread", [] { std::thread(std::exit, (GetBusy(), 0)).join(); }, 30, 300},
-         {"shutdown", [] { GetBusy(), ShutDown(); }, 30, 300},
-         {"synchronous and stuck", [] { GetStuck(true, false); }, 30, 5},
-         {"asynchronous and stuck", [] { GetStuck(false, false); }, 30, 5},
-         {"synchronous, with a registration", [] { GetStuck(true, true); }, 30, 3},
-         {"asynchronous, with a registration", [] { GetStuck(false, true); }, 30, 3},
-         // The rest leaks nothing: LeakSanitizer fails the run.
-         {"unused", [] {}},
-         {"enabled", [] { UseEverything((Start(), "x")); }, 30, 20},
-         {"disabled", [] { VERIFY(Start().Disable()); }, 30, 20},
-         {"started late", [] { MetricsManager::ShutdownAndFreeInstance(), Start(), ShutDown(); },
-          30, 20}});
+    const auto exitOnAThread = [] {
+        GetBusy();
+        std::thread([] { std::exit(0); }).join();
+    };
+    const auto shutDownWhileBusy = [] {
+        GetBusy();
+        ShutDown();
+    };
+    const auto startAfterTheEnd = [] {
+        MetricsManager::ShutdownAndFreeInstance();
+        Start();
+        ShutDown();
+    };
+    const auto leaveOpen = [] {
+        Start();
+        UseEverything("x");
+    };
+    return RunCases(argc, argv,
+                    {{"ReturnFromMain", GetBusy, 30, 60},
+                     {"ExitOnAThread", exitOnAThread, 30, 60},
+                     {"Shutdown", shutDownWhileBusy, 30, 60},
+                     {"WhileAnEmitterIsHeld", HoldAnEmitter, 30, 30},
+                     {"SynchronousAndStuck", [] { GetStuck(true, false); }, 30, 5},
+                     {"AsynchronousAndStuck", [] { GetStuck(false, false); }, 30, 5},
+                     {"SynchronousStuckAndRemoved", [] { GetStuck(true, true); }, 30, 3},
+                     {"AsynchronousStuckAndRemoved", [] { GetStuck(false, true); }, 30, 3},
+                     // The rest leaks nothing: LeakSanitizer fails the run.
+                     {"NeverUsed", [] {}},
+                     {"LeftEnabled", leaveOpen, 30, 20},
+                     {"LeftDisabled", [] { VERIFY(Start().Disable()); }, 30, 20},
+                     {"StartedAfterTheEnd", startAfterTheEnd, 30, 20}});
 }

@@ -81,10 +81,9 @@ void TwoPlugins(const std::string& stays, const std::string& goes) {
 } // namespace
 
 int main(int argc, char** argv) {
-    return RunCases(
-        argc, argv,
-        {{"load and unload", LoadAndUnload, 600},
-         {"stays for a stuck thread", StaysForAStuckThread},
-         {"the first plug-in stays", [] { TwoPlugins(s_files.front(), s_files.back()); }},
-         {"the last plug-in stays", [] { TwoPlugins(s_files.back(), s_files.front()); }}});
+    return RunCases(argc, argv,
+                    {{"LoadAndUnload", LoadAndUnload, 600},
+                     {"StaysForAStuckThread", StaysForAStuckThread},
+                     {"TheFirstPluginStays", [] { TwoPlugins(s_files.front(), s_files.back()); }},
+                     {"TheLastPluginStays", [] { TwoPlugins(s_files.back(), s_files.front()); }}});
 }

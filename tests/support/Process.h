@@ -14,30 +14,100 @@
 #include <functional>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <thread>
+#include <vector>
 
 /// What tests need that are processes of their own.
 namespace Metrics::test {
 
 using Clock = std::chrono::steady_clock;
 
+constexpr std::string_view sanitizer = METRICS_SANITIZER; // the value of -fsanitize
+constexpr bool hasThreadSanitizer = sanitizer == "thread";
+constexpr bool hasAddressSanitizer = sanitizer.find("address") != std::string_view::npos;
+
 inline double SecondsSince(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-/// Ends the process at the first failure, without running anything else of it.
+/// Ends the process at the first failure, without running anything else of it, and prints both
+/// sides of the comparison that the condition begins with.
 #define VERIFY(condition)                                                                          \
-    ((condition) ? void() : ::Metrics::test::Fail(#condition, __FILE__, __LINE__))
+    ((::Metrics::test::Compared() <= condition)                                                    \
+         ? void()                                                                                  \
+         : ::Metrics::test::Fail(#condition, __FILE__, __LINE__))
+
+inline thread_local std::string t_sides; // of the comparison on this thread that was false last
+
 [[noreturn]] inline void Fail(const char* condition, const char* file, int line) {
-    std::fprintf(stderr, "%s:%d: %s\n", file, line, condition);
+    std::fprintf(stderr, "%s:%d: %s%s\n", file, line, condition, t_sides.c_str());
     std::fflush(nullptr);
     _exit(1);
 }
 
-/// Scales a number of repetitions by METRICS_TEST_SCALE, a percentage: sanitizers are slow.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wsign-compare" // literals lose that they are constant
+
+/// The left side of a comparison; the right one follows.
+template <class Left>
+struct LeftSide {
+    const Left& left;
+
+    template <class Right>
+    bool Note(bool holds, const char* relation, const Right& right) const {
+        std::ostringstream text;
+        if constexpr (requires { text << left << right; })
+            text << "; here " << left << ' ' << relation << ' ' << right;
+        t_sides = holds ? "" : text.str();
+        return holds;
+    }
+    template <class Right>
+    bool operator==(const Right& right) const {
+        return Note(left == right, "==", right);
+    }
+    template <class Right>
+    bool operator!=(const Right& right) const {
+        return Note(left != right, "!=", right);
+    }
+    template <class Right>
+    bool operator<(const Right& right) const {
+        return Note(left < right, "<", right);
+    }
+    template <class Right>
+    bool operator>(const Right& right) const {
+        return Note(left > right, ">", right);
+    }
+    template <class Right>
+    bool operator<=(const Right& right) const {
+        return Note(left <= right, "<=", right);
+    }
+    template <class Right>
+    bool operator>=(const Right& right) const {
+        return Note(left >= right, ">=", right);
+    }
+    explicit operator bool() const {
+        t_sides.clear();
+        return static_cast<bool>(left);
+    }
+};
+
+#pragma GCC diagnostic pop
+// Below, "Compared() <= a == b" is meant to be read from the left.
+#pragma GCC diagnostic ignored "-Wparentheses"
+
+struct Compared {
+    template <class Left>
+    LeftSide<Left> operator<=(const Left& left) const {
+        return {left};
+    }
+};
+
+/// Scales a number of repetitions by METRICS_TEST_SCALE, a percentage, from the environment or from
+/// the build: sanitizers are slow, and the long run is for CI.
 inline int Repetitions(int usual) {
     const char* const scale = std::getenv("METRICS_TEST_SCALE");
-    return std::max(1, usual * (scale == nullptr ? 100 : std::atoi(scale)) / 100);
+    return std::max(1, usual * (scale == nullptr ? METRICS_TEST_SCALE : std::atoi(scale)) / 100);
 }
 
 /// Looks again until the condition holds. @return false when it never did within the time.
@@ -114,28 +184,34 @@ inline Ended RunChild(const std::function<int()>& body,
 }
 
 struct Case {
-    const char* name;
+    std::string name;
     std::function<void()> run;
     int seconds = 120; ///< deadline
     int times = 1;     ///< before they are scaled
 };
 
-/// Runs every case, or the one named on the command line, each time in a process of its own.
-inline int RunCases(int argc, char** argv, std::initializer_list<Case> cases) {
+/// Runs the case that the command line names, or every one, each time in a process of its own.
+/// With --list it prints the names: ctest takes them from there.
+inline int RunCases(int argc, char** argv, const std::vector<Case>& cases) {
+    const std::string chosen = argc > 1 ? argv[1] : "";
     bool failed = false;
+    bool found = false;
     for (const Case& test : cases) {
-        if (argc > 1 && argv[1] != std::string(test.name))
+        if (chosen == "--list")
+            std::puts(test.name.c_str());
+        if (!chosen.empty() && chosen != test.name)
             continue;
+        found = true;
         for (int run = 0; run < Repetitions(test.times); ++run) {
             const Ended ended =
                 RunChild([&test] { return test.run(), 0; }, std::chrono::seconds(test.seconds));
             if (run == 0 || ended.status != 0)
-                std::printf("%s: status %d after %.2f s\n%s", test.name, ended.status,
+                std::printf("%s: status %d after %.2f s\n%s", test.name.c_str(), ended.status,
                             ended.seconds, ended.output.c_str());
             failed = failed || ended.status != 0;
         }
     }
-    return failed ? 1 : 0;
+    return failed || (!found && chosen != "--list") ? 1 : 0;
 }
 
 } // namespace Metrics::test

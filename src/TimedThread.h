@@ -1,5 +1,5 @@
-#ifndef METRICS_SRC_DELIVERY_THREAD_H
-#define METRICS_SRC_DELIVERY_THREAD_H
+#ifndef METRICS_SRC_TIMED_THREAD_H
+#define METRICS_SRC_TIMED_THREAD_H
 
 #include <pthread.h>
 
@@ -11,7 +11,7 @@ namespace Metrics::detail {
 /// and its last instructions stand in the library that started it; this one's stand in libc.
 ///
 /// Thread-safety: one thread at a time for each object.
-class DeliveryThread {
+class TimedThread {
 public:
     /// Starts `run(argument)` on a new thread, named "metrics", that blocks all signals but the
     /// synchronous ones from its first instruction on.
@@ -36,4 +36,4 @@ private:
 
 } // namespace Metrics::detail
 
-#endif // METRICS_SRC_DELIVERY_THREAD_H
+#endif // METRICS_SRC_TIMED_THREAD_H

@@ -1,4 +1,4 @@
-#include "DeliveryThread.h"
+#include "TimedThread.h"
 
 #include <cerrno>
 #include <csignal>
@@ -7,7 +7,7 @@
 
 namespace Metrics::detail {
 
-void DeliveryThread::Start(void (*run)(void*), void* argument) {
+void TimedThread::Start(void (*run)(void*), void* argument) {
     m_run = run;
     m_argument = argument;
 
@@ -17,23 +17,32 @@ void DeliveryThread::Start(void (*run)(void*), void* argument) {
     sigfillset(&blocked);
     for (const int synchronous : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT})
         sigdelset(&blocked, synchronous);
+    // The ordinary policy, whatever the starting thread has: a consumer is no work for real time,
+    // and one that shares a processor with a thread of higher priority may never get its turn.
+    pthread_attr_t attributes; // none of these calls can fail, pthread_attr_init(3)
+    pthread_attr_init(&attributes);
+    pthread_attr_setinheritsched(&attributes, PTHREAD_EXPLICIT_SCHED);
+    pthread_attr_setschedpolicy(&attributes, SCHED_OTHER);
+    const sched_param ordinary{};
+    pthread_attr_setschedparam(&attributes, &ordinary);
     pthread_sigmask(SIG_SETMASK, &blocked, &before);
     const int error = pthread_create(
-        &m_thread, nullptr,
+        &m_thread, &attributes,
         [](void* self) -> void* {
             pthread_setname_np(pthread_self(), "metrics");
-            const auto* const thread = static_cast<DeliveryThread*>(self);
+            const auto* const thread = static_cast<TimedThread*>(self);
             thread->m_run(thread->m_argument);
             return nullptr;
         },
         this);
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    pthread_attr_destroy(&attributes);
     if (error != 0)
         throw std::system_error(error, std::generic_category());
     m_started = true;
 }
 
-bool DeliveryThread::JoinUntil(std::chrono::steady_clock::time_point deadline) noexcept {
+bool TimedThread::JoinUntil(std::chrono::steady_clock::time_point deadline) noexcept {
     // The thread has signalled its end before, so that a few looks do; pthread_clockjoin_np would
     // wait as well, but ThreadSanitizer does not know it.
     int result = 0;
@@ -44,7 +53,7 @@ bool DeliveryThread::JoinUntil(std::chrono::steady_clock::time_point deadline) n
     return !m_started;
 }
 
-void DeliveryThread::Detach() noexcept {
+void TimedThread::Detach() noexcept {
     pthread_detach(m_thread);
     m_started = false;
 }

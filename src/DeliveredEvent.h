@@ -1,0 +1,45 @@
+#ifndef METRICS_SRC_DELIVERED_EVENT_H
+#define METRICS_SRC_DELIVERED_EVENT_H
+
+#include "EventQueue.h"
+
+#include <metrics/MetricsEvent.h>
+
+#include <array>
+#include <memory>
+#include <string>
+
+namespace Metrics::detail {
+
+/// The event that consumers see, made in place from one record after the other. A text is copied
+/// into a string that is used again for the next one, unless a consumer has kept the value: then
+/// the string is the consumer's, and the next text gets a new one.
+///
+/// Thread-safety: one thread at a time for each object.
+class DeliveredEvent {
+public:
+    /// The record's event, valid until Clear. What the record held is taken out of it.
+    /// @throws std::bad_alloc; the record is as it was.
+    const MetricsEvent& Make(Record& record);
+
+    /// Lets go of what the event holds. Code of the application may run.
+    void Clear() noexcept;
+
+private:
+    struct Text {
+        std::shared_ptr<std::string> spare; // nobody else's, ready for the next text
+        bool isInUse = false;               // it stands in the event
+    };
+
+    void Prepare(Text& text, const char* characters, std::size_t length);
+    static void Return(Text& text, MetricsValue& value) noexcept;
+
+    MetricsEvent m_event;
+    std::shared_ptr<MetricsEvent> m_shared;
+    std::array<Text, 2> m_texts;
+    bool m_hasObjects = false;
+};
+
+} // namespace Metrics::detail
+
+#endif // METRICS_SRC_DELIVERED_EVENT_H
