@@ -419,14 +419,14 @@ void OpensFolders() {
 
 int main(int argc, char** argv) {
     return RunCases(argc, argv,
-                    {{"holds every field", HoldsEveryField, 60},
-                     {"holds what the CSV file holds", HoldsWhatTheCsvFileHolds, 60},
-                     {"is killed", IsKilled, 300},
-                     {"is killed in a write", IsKilledInAWrite, 100},
-                     {"keeps the newest", KeepsTheNewest, 60},
-                     {"is full for a while", [] { IsFull(false); }, 60},
-                     {"is full in the end", [] { IsFull(true); }, 60},
-                     {"is on the disk behind a slow consumer", IsOnTheDiskBehindASlowConsumer, 60},
-                     {"forks while it is open", ForksWhileItIsOpen, 60},
-                     {"opens folders", OpensFolders, 60}});
+                    {{"HoldsEveryField", HoldsEveryField, 60},
+                     {"HoldsWhatTheCSVFileHolds", HoldsWhatTheCsvFileHolds, 60},
+                     {"IsKilled", IsKilled, 300},
+                     {"IsKilledInAWrite", IsKilledInAWrite, 100},
+                     {"KeepsTheNewest", KeepsTheNewest, 60},
+                     {"IsFullForAWhile", [] { IsFull(false); }, 60},
+                     {"IsFullInTheEnd", [] { IsFull(true); }, 60},
+                     {"IsOnTheDiskBehindASlowConsumer", IsOnTheDiskBehindASlowConsumer, 60},
+                     {"ForksWhileItIsOpen", ForksWhileItIsOpen, 60},
+                     {"OpensFolders", OpensFolders, 60}});
 }
