@@ -51,7 +51,8 @@ char* Put(char* out, Number number) noexcept {
 }
 
 char* Put(char* out, std::string_view bytes) noexcept {
-    std::memcpy(out, bytes.data(), bytes.size());
+    if (!bytes.empty()) // whose data may be null
+        std::memcpy(out, bytes.data(), bytes.size());
     return out + bytes.size();
 }
 
