@@ -1,4 +1,5 @@
-# The Debian packages, made by `cpack -G DEB`: libmetrics<N> to run, libmetrics-dev to build.
+# The Debian packages, made by `cpack -G DEB`: libmetrics<N> to run, libmetrics-dev to build,
+# metrics-tools for the command.
 if(NOT PROJECT_IS_TOP_LEVEL)
     return()
 endif()
@@ -10,6 +11,9 @@ set(runtime_package libmetrics${PROJECT_VERSION_MAJOR})
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_CONTACT ${METRICS_PACKAGE_CONTACT})
 set(CPACK_COMPONENTS_ALL runtime development)
+if(METRICS_BUILD_TOOLS)
+    list(APPEND CPACK_COMPONENTS_ALL tools)
+endif()
 set(CPACK_STRIP_FILES ON)
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)
@@ -28,5 +32,11 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
     "${runtime_package} (= ${PROJECT_VERSION}), libtbb-dev")
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
     "The headers, the CMake package, the pkg-config file and the API reference.")
+
+set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME metrics-tools)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
+set(CPACK_COMPONENT_TOOLS_DESCRIPTION
+    "The command metrics, which shows where the time went in recorded runs.")
 
 include(CPack)

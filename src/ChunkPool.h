@@ -9,7 +9,7 @@
 namespace Metrics::detail {
 
 /// A block of memory that one thread fills with records; see EventQueue.
-struct Chunk {
+struct alignas(64) Chunk {
     static constexpr std::size_t size = 2048;
 
     // While it is filled: the chunk that follows in the same queue. While it is free: the one below

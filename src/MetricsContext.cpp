@@ -57,7 +57,7 @@ Context::Context(std::uint64_t parentId, std::uint64_t id) : m_id(id), m_parentI
         EmitLifeCycleEvent(MetricsEventType::ContextOpened, parentId, id);
         AttachToThread();
     } catch (...) {
-        m_state->RemoveReference();
+        State()->RemoveReference();
         throw;
     }
     m_isOpen = true;
@@ -69,26 +69,35 @@ Context::~Context() {
     } catch (...) {
         // A destructor has nobody to tell; the event is lost.
     }
-    if (m_state == nullptr)
+    if (State() == nullptr)
         return;
     // Release: whoever has seen the context has done so before.
-    m_state->context.store(nullptr, std::memory_order_release);
-    m_state->RemoveReference();
+    State()->context.store(nullptr, std::memory_order_release);
+    State()->RemoveReference();
 }
 
 ContextState& Context::NeedState() {
-    if (m_state == nullptr) {
-        m_state = new ContextState(m_parentId, m_id);
-        m_state->context.store(this, std::memory_order_release);
-    }
-    return *m_state;
+    ContextState* state = m_state.load(std::memory_order_acquire);
+    if (state != nullptr)
+        return *state;
+    auto* const made = new ContextState(m_parentId, m_id);
+    made->context.store(this, std::memory_order_release);
+    // Of two threads that attach a disabled context one makes its state.
+    if (m_state.compare_exchange_strong(state, made, std::memory_order_acq_rel))
+        return *made;
+    made->RemoveReference();
+    return *state;
+}
+
+ContextState* Context::State() const noexcept {
+    return m_state.load(std::memory_order_acquire);
 }
 
 void Context::SetName(char const* name) {
     // Once the scope has been opened the name is its label, which others may read.
-    if (name != nullptr && m_state != nullptr &&
-        m_state->ownScope.load(std::memory_order_relaxed) == ContextState::OwnScope::New)
-        m_state->name = name;
+    if (name != nullptr && State() != nullptr &&
+        State()->ownScope.load(std::memory_order_relaxed) == ContextState::OwnScope::New)
+        State()->name = name;
 }
 
 void Context::AttachToThread() {
@@ -111,20 +120,20 @@ void Context::AddAttribute(std::string const& name, std::string const& value) {
 
 void Context::OpenScope() {
     if (m_isOpen)
-        m_state->OpenOwnScope();
+        State()->OpenOwnScope();
     m_isUsed = true;
 }
 
 bool Context::PrepareEmit() {
     if (!m_isUsed) [[unlikely]]
         OpenScope();
-    return m_isOpen && m_state->HasOpenScope();
+    return m_isOpen && State()->HasOpenScope();
 }
 
 void Context::EmitArguments(const Argument& first, const Argument& second) {
     if (PrepareEmit())
         detail::Emit(
-            {MetricsEventType::Custom, m_state->OwnScopeId(), m_state->ownScopeContextId, 0}, first,
+            {MetricsEventType::Custom, State()->OwnScopeId(), State()->ownScopeContextId, 0}, first,
             second);
 }
 
@@ -141,7 +150,7 @@ void Context::Close() {
                 failure = std::current_exception();
         }
     };
-    attempt([this] { m_state->CloseOwnScope(); });
+    attempt([this] { State()->CloseOwnScope(); });
     DetachFromThread();
     attempt([this] { EmitLifeCycleEvent(MetricsEventType::ContextClosed, m_parentId, m_id); });
     if (failure != nullptr)

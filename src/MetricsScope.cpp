@@ -43,11 +43,12 @@ void Scope::OpenArgument(const Argument& label) {
 }
 
 void Scope::OpenIn(ContextState& context, const Argument& label) {
+    const std::uint64_t contextId = context.id; // the context may go in any of the calls below
     context.OpenOwnScope();
 
     // The label is kept when the event has been taken: until then the scope is as it was.
     const detail::EventHead head{MetricsEventType::ScopeOpened,
-                                 reinterpret_cast<std::uintptr_t>(this), context.id, m_bits};
+                                 reinterpret_cast<std::uintptr_t>(this), contextId, m_bits};
     if (label.form == Argument::Form::Characters && label.length <= keptCharacters) {
         detail::Emit(head, label, Argument());
         ReleaseLabel();
@@ -61,7 +62,7 @@ void Scope::OpenIn(ContextState& context, const Argument& label) {
         ::new (&m_label) MetricsValue(std::move(kept));
         m_labelForm = Label::Value;
     }
-    m_contextId = context.id;
+    m_contextId = contextId;
     m_state = State::Open;
 }
 

@@ -38,7 +38,7 @@ void MetricsThreadContext::AttachContext(Context* context) {
 }
 
 void MetricsThreadContext::DetachContext(Context* context) noexcept {
-    ContextState* const state = context == nullptr ? nullptr : context->m_state;
+    ContextState* const state = context == nullptr ? nullptr : context->State();
     if (context != nullptr && state == nullptr)
         return; // was never attached anywhere
     std::uint32_t kept = 0;

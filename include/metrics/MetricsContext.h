@@ -8,6 +8,7 @@
 #include <metrics/MetricsManager.h>
 #include <metrics/MetricsScope.h>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -190,10 +191,12 @@ private:
     bool PrepareEmit();
     void EmitArguments(const detail::Argument& first, const detail::Argument& second);
     detail::ContextState& NeedState();
+    detail::ContextState* State() const noexcept;
 
     std::uint64_t m_id;
     std::uint64_t m_parentId;
-    detail::ContextState* m_state = nullptr; // null for a disabled context that nobody has attached
+    // Null for a disabled context that nobody has attached; any thread may, hence atomic.
+    std::atomic<detail::ContextState*> m_state{nullptr};
     bool m_isOpen = false;
     bool m_isUsed = false; // OpenScope need not be called
 };
