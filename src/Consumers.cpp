@@ -1,5 +1,6 @@
 #include "Consumers.h"
 
+#include "Emitter.h"
 #include "Lifecycle.h"
 
 #include <korsys/NoCancellation.h>
@@ -38,6 +39,10 @@ bool IsBeingCalled(const IMetricsListener* listener) noexcept {
 }
 
 } // namespace
+
+pid_t EmitterThreadId() noexcept {
+    return t_thread.delivery == nullptr ? 0 : t_thread.delivery->emitter;
+}
 
 // One list -------------------------------------------------------------------------------------
 
@@ -217,6 +222,20 @@ void Consumers::Calls::Call(const MetricsEvent& event, pid_t emitter) {
     }
     CallEach(m_consumers.m_asynchronous, event, emitter,
              [&event](IMetricsListener& listener) { CallQuietly(listener, event); });
+}
+
+void Consumers::Calls::EndBatch() noexcept {
+    if (!m_isInside || m_removals != m_consumers.m_asynchronous.Removals()) {
+        Leave();
+        Enter();
+    }
+    for (const Consumer* consumer = m_consumers.m_asynchronous.First(); consumer != nullptr;
+         consumer = consumer->next.load(std::memory_order_seq_cst)) {
+        if (consumer->batch == nullptr)
+            continue;
+        const FrameGuard frame(consumer->listener.Get(), 0);
+        consumer->batch->OnBatchEnd();
+    }
 }
 
 } // namespace Metrics::detail

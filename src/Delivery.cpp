@@ -227,6 +227,8 @@ void Delivery::DeliverMerged() {
         ++m_delivered;
         return true;
     });
+    if (!InForkedChild())
+        calls.EndBatch();
 }
 
 // Memory ---------------------------------------------------------------------------------------
