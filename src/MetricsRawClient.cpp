@@ -112,6 +112,17 @@ bool MetricsRawClient::ProcessArgument(std::string const& argument) {
     return true;
 }
 
+bool MetricsRawClient::ProcessArgument(std::string const& argument,
+                                       MetricsBitsUtils::OwnMnemonics own) {
+    if (!ProcessArgument(argument))
+        return false;
+    if (!argument.starts_with("-raw="))
+        (argument.starts_with("-clear=") ? m_clearBits : m_setBits) =
+            MetricsBitsUtils::GetMetricsBitsFromMnemonicList(
+                argument.substr(argument.find('=') + 1), own);
+    return true;
+}
+
 bool MetricsRawClient::Open() {
     if (m_outputFileName.empty() || detail::InForkedChild())
         return false;
@@ -135,6 +146,25 @@ bool MetricsRawClient::Open() {
     }
     m_isOpen = true;
     return true;
+}
+
+bool MetricsRawClient::Open(std::error_code& error) noexcept try {
+    const korsys::NoCancellation guard;
+    error.clear();
+    try {
+        return Open();
+    } catch (const std::bad_alloc&) {
+        throw;
+    } catch (...) {
+        // The file could not be opened, or a consumer was shown the client's context and threw.
+        const int reason = GetFirstError().error;
+        error = reason != 0 ? std::error_code(reason, std::generic_category())
+                            : std::make_error_code(std::errc::operation_canceled);
+    }
+    return false;
+} catch (const std::bad_alloc&) {
+    error = std::make_error_code(std::errc::not_enough_memory);
+    return false;
 }
 
 void MetricsRawClient::AdjustFilterBits() {

@@ -129,6 +129,21 @@ const struct Operation {
      nullptr,
      [](State& s) { s.context = std::make_unique<Context>(1, 2); },
      {ContextOpened}},
+    {"Context with a name",
+     nullptr,
+     [](State& s) {
+         if (s.context == nullptr)
+             s.context = std::make_unique<Context>(1, 2, "a name that has to be allocated");
+         s.context->OpenScope(); // goes on, where the constructor has stopped quietly
+     },
+     {ContextOpened, Attribute, Attribute, Attribute, ScopeOpened}},
+    {"ContextGuard",
+     OpenContext,
+     [](State& s) {
+         const ContextGuard outer(*s.context), inner(*s.context), innermost(s.context.get());
+         VERIFY(Manager().GetThreadContext()->GetCurrentContext() == s.context.get());
+     },
+     {}},
     {"Emit",
      OpenContext,
      [](State& s) { s.context->Emit("text"); },
@@ -150,7 +165,9 @@ const struct Operation {
      OneLostOrTwoTries},
     {"UniqueMetricsContext",
      OpenContext,
-     [](State& s) { s.unique = std::make_unique<UniqueMetricsContext>(true); },
+     [](State& s) {
+         s.unique = std::make_unique<UniqueMetricsContext>(true, "a name that has to be allocated");
+     },
      {ContextCreated}},
     {"UniqueMetricsContext::Open",
      OpenContextAndHandles,
@@ -180,6 +197,18 @@ const struct Operation {
     {"MetricsRawClient::Open",
      nullptr,
      OpenClient,
+     {ContextCreated, ContextOpened},
+     OneLostOrTwoTries},
+    {"MetricsRawClient::Open without exceptions",
+     nullptr,
+     [](State& s) {
+         s.client.SetOutputFileName("/dev/null");
+         std::error_code error;
+         if (s.client.Open(error))
+             return;
+         VERIFY((error == std::errc::not_enough_memory));
+         throw std::bad_alloc();
+     },
      {ContextCreated, ContextOpened},
      OneLostOrTwoTries},
     {"MetricsRawClient::Close",
