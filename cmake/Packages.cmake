@@ -1,4 +1,5 @@
-# The Debian packages, made by `cpack -G DEB`: libmetrics<N> to run, libmetrics-dev to build.
+# The Debian packages, made by `cpack -G DEB`: libmetrics<N> to run, libmetrics-dev to build, and
+# libmetrics<N>-dbgsym, a .ddeb, with the debug symbols of the first.
 if(NOT PROJECT_IS_TOP_LEVEL)
     return()
 endif()
@@ -10,7 +11,6 @@ set(runtime_package libmetrics${PROJECT_VERSION_MAJOR})
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_CONTACT ${METRICS_PACKAGE_CONTACT})
 set(CPACK_COMPONENTS_ALL runtime development)
-set(CPACK_STRIP_FILES ON)
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -18,14 +18,14 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${runtime_package})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_RUNTIME_DEBUGINFO_PACKAGE ON) # takes the symbols out of the library
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON) # also has ldconfig run
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "The shared library.")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libmetrics-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
-    "${runtime_package} (= ${PROJECT_VERSION}), libtbb-dev")
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${runtime_package} (= ${PROJECT_VERSION})")
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
     "The headers, the CMake package, the pkg-config file and the API reference.")
 
