@@ -393,6 +393,35 @@ TEST(Guard, EndsWhateverHasBecomeOfTheStack) {
     EXPECT_EQ(CurrentId(), 7u);
 }
 
+TEST(Guard, HasOneContextOnManyThreadsAtOnce) {
+    std::atomic<int> wrong{0}, opened{0}, own{0};
+    const Session session;
+    Consume(true, [&](const MetricsEvent& event) {
+        if (event.eventType == MetricsEventType::ScopeOpened) {
+            const bool isOwn = event.param1.text != nullptr;
+            (isOwn ? own : opened)++;
+            wrong += !isOwn && event.contextId != std::uint64_t(event.param1.integer) ? 1 : 0;
+        }
+    });
+    const int rounds = Repetitions(300);
+    for (int i = 0; i < rounds; ++i) {
+        Context first(0, 1), second(0, 2), disabled(0, 0);
+        const auto work = [&] {
+            const ContextGuard outer(first);
+            const Scope before(1, MetricsBits::act);
+            {
+                const ContextGuard inner(second), none(disabled), again(second);
+                const Scope within(2, MetricsBits::act);
+            }
+            const Scope after(1, MetricsBits::act);
+        };
+        const std::jthread one(work), two(work), three(work);
+    }
+    EXPECT_EQ(wrong, 0);
+    EXPECT_EQ(opened, rounds * 9);
+    EXPECT_EQ(own, rounds * 2) << "each context's own scope opens once";
+}
+
 TEST(Handle, CarriesAChildToAnotherThread) {
     const Transcript transcript;
     EXPECT_EQ(UniqueMetricsContext(true).Open(), nullptr) << "without a parent";
