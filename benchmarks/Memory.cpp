@@ -13,12 +13,11 @@
 #include <thread>
 
 // Allocations are counted where they come by: operator new ends in malloc or aligned_alloc, and
-// memory for many events comes from TBB or, page by page, from the kernel.
+// memory for many events comes from the kernel, by mmap.
 
 namespace {
 
-std::atomic<int> s_mallocCalls{0};
-std::atomic<int> s_tbbCalls{0};
+std::atomic<int> s_allocations{0};
 
 } // namespace
 
@@ -28,33 +27,23 @@ void* __libc_calloc(std::size_t count, std::size_t size);
 void* __libc_memalign(std::size_t alignment, std::size_t size);
 
 void* malloc(std::size_t size) {
-    s_mallocCalls.fetch_add(1, std::memory_order_relaxed);
+    s_allocations.fetch_add(1, std::memory_order_relaxed);
     return __libc_malloc(size);
 }
 void* calloc(std::size_t count, std::size_t size) {
-    s_mallocCalls.fetch_add(1, std::memory_order_relaxed);
+    s_allocations.fetch_add(1, std::memory_order_relaxed);
     return __libc_calloc(count, size);
 }
 void* aligned_alloc(std::size_t alignment, std::size_t size) {
-    s_mallocCalls.fetch_add(1, std::memory_order_relaxed);
+    s_allocations.fetch_add(1, std::memory_order_relaxed);
     return __libc_memalign(alignment, size);
 }
 void* mmap(void* address, std::size_t size, int protection, int flags, int file, off_t offset) {
     static const auto next = reinterpret_cast<decltype(&mmap)>(dlsym(RTLD_NEXT, "mmap"));
-    s_mallocCalls.fetch_add(1, std::memory_order_relaxed);
+    s_allocations.fetch_add(1, std::memory_order_relaxed);
     return next(address, size, protection, flags, file, offset);
 }
 }
-
-namespace tbb::detail::r1 {
-void* cache_aligned_allocate(std::size_t size);
-void* cache_aligned_allocate(std::size_t size) {
-    static const auto next = reinterpret_cast<void* (*)(std::size_t)>(
-        dlsym(RTLD_NEXT, "_ZN3tbb6detail2r122cache_aligned_allocateEm"));
-    s_tbbCalls.fetch_add(1, std::memory_order_relaxed);
-    return next(size);
-}
-} // namespace tbb::detail::r1
 
 namespace {
 
@@ -76,13 +65,12 @@ void PrintAllocations(const char* kind, Call call) {
     constexpr int bursts = 5;
     for (int i = 0; i < 2 * bursts; ++i) {
         if (i == bursts)
-            s_mallocCalls = s_tbbCalls = 0;
+            s_allocations = 0;
         for (int event = 0; event < events; ++event)
             call(event);
         bench::Flush();
     }
-    std::printf("%s: %.4f", kind,
-                static_cast<double>(s_mallocCalls + s_tbbCalls) / bursts / events);
+    std::printf("%s: %.4f", kind, static_cast<double>(s_allocations) / bursts / events);
 }
 
 /// What an accepted text costs that is given as characters, by the ways to give it.
@@ -155,13 +143,12 @@ bool RunQueue(Metrics::Context& context) {
     const bench::Registered<bench::Gate> gate;
     const bench::Registered<bench::CountingConsumer> consumer;
 
-    // Delivery is held back, so that every event stays in memory, and the buffer grows.
+    // Delivery is held back, so that every event stays in memory, and the queue grows.
     gate->Shut(context);
     const double before = bench::ResidentMemory();
-    s_mallocCalls = s_tbbCalls = 0;
+    s_allocations = 0;
     const double seconds = EmitBurst(context);
-    PrintPerEvent("growing_malloc", s_mallocCalls);
-    PrintPerEvent("growing_tbb", s_tbbCalls);
+    PrintPerEvent("growing_allocations", s_allocations);
     PrintPerEvent("growing_ns", seconds * 1e9);
     const double numbers = bench::ResidentMemory();
     PrintPerEvent("bytes", numbers - before);
@@ -183,17 +170,16 @@ bool RunQueue(Metrics::Context& context) {
 
     const bool isBounded = RunBursts(*gate.operator->(), context);
 
-    // Bursts that come while the one before is delivered, with the buffers as large as they get.
+    // Bursts that come while the one before is delivered, with the queues as large as they get.
     for (int i = 0; i < 3; ++i)
         EmitBurst(context);
     const std::uint64_t deliveredBefore = consumer->Count();
-    s_mallocCalls = s_tbbCalls = 0;
+    s_allocations = 0;
     for (int i = 0; i < 10; ++i)
         EmitBurst(context);
     bench::Flush();
     const auto delivered = static_cast<double>(consumer->Count() - deliveredBefore);
-    PrintPerEvent("steady_malloc", s_mallocCalls, 10 * burst);
-    PrintPerEvent("steady_tbb", s_tbbCalls, 10 * burst);
+    PrintPerEvent("steady_allocations", s_allocations, 10 * burst);
     std::printf("\"steady_delivered\": %.0f,\n", delivered);
     return isBounded && delivered >= 10 * burst;
 }

@@ -200,14 +200,14 @@ def memory_list(m, instructions):
     return "\n".join([
         f"- {m['bytes']:.0f} bytes of resident memory for each queued event with two numbers, "
         f"{m['name_bytes']:.0f} with a short name and a number.",
-        f"- {m['growing_malloc'] + m['growing_tbb']:.4f} allocations for each event while the "
-        f"buffer grows, {m['steady_malloc'] + m['steady_tbb']:.5f} in a steady flow of bursts.",
+        f"- {m['growing_allocations']:.4f} allocations for each event while the queue grows, "
+        f"{m['steady_allocations']:.5f} in a steady flow of bursts.",
         "- Allocations for a call, by what is given as characters: " + ", ".join(
             f"{value:.3f} with {kind}" for kind, value in m["text_allocations"].items()) + ".",
         f"- 1,000 events in a millisecond, for 2 s: the delivery thread works "
         f"{m['to_a_consumer']['delivery_ns']:.1f} ns for each with a consumer that counts, "
         f"{m['to_nobody']['delivery_ns']:.1f} ns with nobody registered.",
-        f"- {m['growing_ns']:.0f} ns for each event while the buffer grows, most of it the "
+        f"- {m['growing_ns']:.0f} ns for each event while the queue grows, most of it the "
         "kernel's first touch of each page.",
         f"- After a burst of two million events was delivered, {m['left_at_last']:.1%} of its memory "
         f"was still resident after {m['given_back_seconds']:.1f} s.",

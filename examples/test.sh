@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
-# test.sh FOLDER: runs the examples that were built into the folder, and looks at what they say.
+# test.sh FOLDER [PERCENT]: runs the examples that were built into the folder, and looks at what they
+# say. METRICS_TEST_SCALE, or else PERCENT, scales how often that is done which depends on threads.
 # shellcheck source=tests/support/expect.sh
 source "$(dirname "$0")/../tests/support/expect.sh"
 
 programs=$1
+scale=${METRICS_TEST_SCALE:-${2:-100}}
 
 mkdir -p tree/inner
 printf 'one two\nthree' >tree/a.txt
@@ -48,3 +50,48 @@ says 'usage:'
 expect 0 "$programs/slow_scopes"
 [[ $said == *'ms  cxt'*'ms  sort 1000000'*'ms  sort 100000'*'ms  sort 1000' ]] ||
     fail "not the slowest first: $said"
+
+# each_in_its_context EVENTS FILES BLOCKS: whether each file has one context of its name, and in it
+# each of its scopes, ended. Prints how many blocks another thread took.
+each_in_its_context() {
+    awk -F, -v files="$2" -v blocks="$3" '
+        function expect(what, is, wanted) {
+            if (is != wanted) { print what ": " is ", not " wanted >"/dev/stderr"; failed = 1 }
+        }
+        $4 == 5 { ++opened[$3, $5]; ++all[$5] }
+        $4 == 6 { ++closed[$3, $5] }
+        $4 == 8 && $5 == "file" { path[$3] = $6; ++contexts }
+        $4 == 7 && $5 == "of" { ++of[$3, $6] }
+        $4 == 7 && $5 == "on another thread" { ++helped }
+        END {
+            expect("files", contexts, files)
+            expect("contexts with their name", all["file"], files)
+            expect("blocks", all["block"], files * blocks)
+            for (id in path) {
+                expect("own scopes of " id, opened[id, "file"], 1)
+                expect("scopes of " path[id], of[id, path[id]], blocks + 1) # and one prints
+            }
+            for (scope in opened)
+                expect("ends of " scope, closed[scope], opened[scope])
+            print helped + 0
+            exit failed
+        }' "$1"
+}
+
+for i in {1..12}; do head -c $((4096 * 40)) < <(yes "$i") >"block-$i"; done
+expect 0 "$programs/checksums" --threads=1 block-*
+sums=$said
+taken=0
+for ((run = 0; run < (200 * scale + 99) / 100; ++run)); do
+    expect 0 "$programs/checksums" --threads=4 --metrics-set=act,comp --metrics-raw=out.csv block-*
+    [[ $said == "$sums" ]] || fail "other sums: $said"
+    others=$(each_in_its_context out.csv 12 40) || fail "run $run: see above"
+    ((taken += others)) || true
+done
+((taken > run)) || fail "the threads did not help each other: $taken blocks in $run runs"
+expect 1 "$programs/checksums" missing block-1
+says "checksums: cannot read 'missing': No such file or directory" "${sums%%  *}"
+expect 2 "$programs/checksums" -set=act block-1
+says "unknown option '-set=act'"
+expect 1 "$programs/checksums" --metrics-raw=missing/out.csv block-1
+[[ $said == 'checksums: cannot record: No such file or directory' ]] || fail "$said"

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace Metrics {
 
@@ -22,7 +23,9 @@ namespace detail {
 /// Thread-safety: safe from any thread at any time, but for `name`: that is the owner's until the
 /// scope has been opened.
 struct ContextState {
-    ContextState(std::uint64_t parent, std::uint64_t own) noexcept : parentId(parent), id(own) {}
+    /// An empty label is none. @throws std::bad_alloc for a long one.
+    ContextState(std::uint64_t parent, std::uint64_t own, std::string_view label)
+        : parentId(parent), id(own), isNamed(!label.empty()), name(isNamed ? label : "cxt") {}
 
     void AddReference() noexcept {
         // Relaxed: whoever adds one holds one.
@@ -47,7 +50,8 @@ struct ContextState {
     std::atomic<OwnScope> ownScope{OwnScope::New};
     std::uint64_t ownScopeContextId = 0; // where it opened; published by Open
     int attributesEmitted = 0;           // how far the opening came; the opener's
-    std::string name{"cxt"};             // the scope's label
+    const bool isNamed;                  // from the beginning: the scope opens with the context
+    std::string name;                    // the scope's label
 
     /// Does it once; nothing when it is done or under way.
     void OpenOwnScope() {
@@ -75,12 +79,26 @@ private:
 
 } // namespace detail
 
+namespace detail {
+
+/// What stands in a stack in place of a context: where a ContextGuard began, or null, attached as
+/// such. It is odd, as no address of a context is.
+inline ContextState* Placeholder(const void* guard) noexcept {
+    return reinterpret_cast<ContextState*>( // NOLINT(performance-no-int-to-ptr)
+        reinterpret_cast<std::uintptr_t>(guard) | 1);
+}
+inline bool IsContext(const ContextState* entry) noexcept {
+    return (reinterpret_cast<std::uintptr_t>(entry) & 1) == 0;
+}
+
+} // namespace detail
+
 /// The state of the current context of a stack; null for none.
 inline detail::ContextState* CurrentStateOf(MetricsThreadContext& stack) noexcept {
     if (stack.m_size == 0)
         return nullptr;
     detail::ContextState* const top = stack.m_entries[stack.m_size - 1];
-    return top == nullptr || !top->IsGone() ? top : stack.SkipDestroyed();
+    return detail::IsContext(top) && !top->IsGone() ? top : stack.FindCurrent();
 }
 
 namespace detail {

@@ -13,6 +13,8 @@ struct FilterBit {
     std::uint64_t bits;
 };
 
+constexpr std::uint64_t categories = ~std::uint64_t{0xFFF};
+
 constexpr bool ByMnemonic(const FilterBit& a, const FilterBit& b) {
     return a.mnemonic < b.mnemonic;
 }
@@ -26,10 +28,12 @@ constexpr auto s_metricsFilterBits = [] {
     return table;
 }();
 
-const FilterBit* Find(std::string_view mnemonic) {
+std::uint64_t BitsOf(std::string_view mnemonic, OwnMnemonics own) {
     const auto* const found = std::lower_bound(
         s_metricsFilterBits.begin(), s_metricsFilterBits.end(), FilterBit{mnemonic, 0}, ByMnemonic);
-    return found != s_metricsFilterBits.end() && found->mnemonic == mnemonic ? found : nullptr;
+    if (found != s_metricsFilterBits.end() && found->mnemonic == mnemonic)
+        return found->bits;
+    return own == nullptr ? 0 : own(mnemonic) & categories;
 }
 
 /// Calls `handle` with each piece between commas; n commas make n + 1 pieces.
@@ -53,18 +57,23 @@ void AppendPiece(std::string& list, std::string_view piece) {
 } // namespace
 
 std::uint64_t GetMetricsBitsFromMnemonicList(std::string const& list) {
+    return GetMetricsBitsFromMnemonicList(list, nullptr);
+}
+
+std::uint64_t GetMetricsBitsFromMnemonicList(std::string const& list, OwnMnemonics own) {
     std::uint64_t bits = 0;
-    ForEachPiece(list, [&bits](std::string_view piece) {
-        if (const FilterBit* const known = Find(piece))
-            bits |= known->bits;
-    });
+    ForEachPiece(list, [&bits, own](std::string_view piece) { bits |= BitsOf(piece, own); });
     return bits;
 }
 
 std::string ValidateMnemonicList(std::string const& list) {
+    return ValidateMnemonicList(list, nullptr);
+}
+
+std::string ValidateMnemonicList(std::string const& list, OwnMnemonics own) {
     std::string unknown;
-    ForEachPiece(list, [&unknown](std::string_view piece) {
-        if (Find(piece) == nullptr)
+    ForEachPiece(list, [&unknown, own](std::string_view piece) {
+        if (BitsOf(piece, own) == 0)
             AppendPiece(unknown, piece);
     });
     return unknown;

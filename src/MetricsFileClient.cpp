@@ -59,20 +59,27 @@ void MetricsFileClient::SetOutputFileName(std::string const& fileName) {
     m_outputFileName = fileName;
 }
 
-bool MetricsFileClient::TakeArgument(std::string const& argument, const char* pathOption) {
+bool MetricsFileClient::TakeArgument(std::string const& argument, const char* pathOption,
+                                     MetricsBitsUtils::OwnMnemonics own) {
     const auto value = [&argument](std::string_view prefix) {
         return argument.substr(prefix.size());
     };
-    if (argument.starts_with("-set="))
-        SetBits(value("-set="), false);
-    else if (argument.starts_with("-setabs="))
-        SetBits(value("-setabs="), true);
-    else if (argument.starts_with("-clear="))
-        ClearBits(value("-clear="));
-    else if (argument.starts_with(pathOption))
+    const auto bits = [&value, own](std::string_view prefix) {
+        return MetricsBitsUtils::GetMetricsBitsFromMnemonicList(value(prefix), own);
+    };
+    if (argument.starts_with("-set=")) {
+        m_setBits = bits("-set=");
+        m_setBitsAbsolute = false;
+    } else if (argument.starts_with("-setabs=")) {
+        m_setBits = bits("-setabs=");
+        m_setBitsAbsolute = true;
+    } else if (argument.starts_with("-clear=")) {
+        m_clearBits = bits("-clear=");
+    } else if (argument.starts_with(pathOption)) {
         SetOutputFileName(value(pathOption));
-    else
+    } else {
         return false;
+    }
     return true;
 }
 
@@ -106,6 +113,21 @@ void MetricsFileClient::AdjustFilterBits() {
     } else {
         manager.SetBits(defaultRawClientBits);
     }
+}
+
+std::error_code MetricsFileClient::FailureOf(const detail::EventFile* file) noexcept try {
+    try {
+        throw;
+    } catch (const std::bad_alloc&) {
+        throw;
+    } catch (...) {
+        // The file could not be opened, or a consumer was shown the client's context and threw.
+        const int reason = file == nullptr ? 0 : file->GetFirstError().error;
+        return reason != 0 ? std::error_code(reason, std::generic_category())
+                           : std::make_error_code(std::errc::operation_canceled);
+    }
+} catch (const std::bad_alloc&) {
+    return std::make_error_code(std::errc::not_enough_memory);
 }
 
 bool MetricsFileClient::CloseFile(const IMetricsListener* listener, detail::EventFile* file,

@@ -4,6 +4,8 @@
 
 #include <metrics/MetricsRawClient.h>
 
+#include <korsys/NoCancellation.h>
+
 #include <stdexcept>
 #include <utility>
 
@@ -62,7 +64,12 @@ void MetricsRawClient::SetOutputFileName(std::string const& fileName) {
 }
 
 bool MetricsRawClient::ProcessArgument(std::string const& argument) {
-    return TakeArgument(argument, "-raw=");
+    return ProcessArgument(argument, nullptr);
+}
+
+bool MetricsRawClient::ProcessArgument(std::string const& argument,
+                                       MetricsBitsUtils::OwnMnemonics own) {
+    return TakeArgument(argument, "-raw=", own);
 }
 
 bool MetricsRawClient::Open() {
@@ -78,6 +85,15 @@ bool MetricsRawClient::Open() {
     stream.WriteHeader();
     OpenFile(m_listener, stream);
     return true;
+}
+
+bool MetricsRawClient::Open(std::error_code& error) noexcept try {
+    const korsys::NoCancellation guard;
+    error.clear();
+    return Open();
+} catch (...) {
+    error = FailureOf(m_listener ? m_listener->m_stream.get() : nullptr);
+    return false;
 }
 
 bool MetricsRawClient::Close(unsigned int milliseconds) noexcept {

@@ -9,18 +9,18 @@
 namespace Metrics {
 
 using detail::ContextState;
+using detail::IsContext;
+using detail::Placeholder;
 
 MetricsThreadContext::MetricsThreadContext() noexcept = default;
 
 MetricsThreadContext::~MetricsThreadContext() {
-    for (std::uint32_t i = 0; i < m_size; ++i)
-        if (m_entries[i] != nullptr)
-            m_entries[i]->RemoveReference();
+    ShrinkTo(0);
     delete[] m_entries;
 }
 
-void MetricsThreadContext::ReserveOne() {
-    if (m_size < m_capacity)
+void MetricsThreadContext::Reserve(std::uint32_t more) {
+    if (m_capacity - m_size >= more)
         return;
     const std::uint32_t capacity = std::max<std::uint32_t>(4, m_capacity * 2);
     auto* const entries = new ContextState*[capacity];
@@ -29,32 +29,49 @@ void MetricsThreadContext::ReserveOne() {
     m_capacity = capacity;
 }
 
+void MetricsThreadContext::ShrinkTo(std::uint32_t size) noexcept {
+    while (m_size > size)
+        if (ContextState* const entry = m_entries[--m_size]; IsContext(entry))
+            entry->RemoveReference();
+}
+
 void MetricsThreadContext::AttachContext(Context* context) {
-    ReserveOne();
+    Reserve(1);
     ContextState* const state = context == nullptr ? nullptr : &context->NeedState();
     if (state != nullptr)
         state->AddReference();
-    m_entries[m_size++] = state;
+    m_entries[m_size++] = state != nullptr ? state : Placeholder(nullptr);
 }
 
 void MetricsThreadContext::DetachContext(Context* context) noexcept {
-    ContextState* const state = context == nullptr ? nullptr : context->State();
-    if (context != nullptr && state == nullptr)
+    const bool isNull = context == nullptr;
+    ContextState* const state = isNull ? Placeholder(nullptr) : context->State();
+    if (state == nullptr)
         return; // was never attached anywhere
     std::uint32_t kept = 0;
     for (std::uint32_t i = 0; i < m_size; ++i) {
         if (m_entries[i] != state)
             m_entries[kept++] = m_entries[i];
-        else if (state != nullptr)
+        else if (!isNull)
             state->RemoveReference();
     }
     m_size = kept;
 }
 
-ContextState* MetricsThreadContext::SkipDestroyed() noexcept {
-    while (m_size != 0 && m_entries[m_size - 1] != nullptr && m_entries[m_size - 1]->IsGone())
-        m_entries[--m_size]->RemoveReference();
-    return m_size == 0 ? nullptr : m_entries[m_size - 1];
+ContextState* MetricsThreadContext::FindCurrent() noexcept {
+    // Those that were destroyed are taken off, down to where a guard began: what is below stays.
+    for (std::uint32_t i = m_size; i != 0; --i) {
+        ContextState* const entry = m_entries[i - 1];
+        if (entry == Placeholder(nullptr))
+            return nullptr;
+        if (!IsContext(entry))
+            continue;
+        if (!entry->IsGone())
+            return entry;
+        if (i == m_size)
+            ShrinkTo(i - 1);
+    }
+    return nullptr;
 }
 
 Context* MetricsThreadContext::GetCurrentContext() const noexcept {

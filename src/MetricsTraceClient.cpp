@@ -3,6 +3,8 @@
 
 #include <metrics/MetricsTraceClient.h>
 
+#include <korsys/NoCancellation.h>
+
 #include <charconv>
 #include <limits>
 #include <optional>
@@ -54,9 +56,14 @@ void MetricsTraceClient::SetKeptSize(std::uint64_t bytes) noexcept {
 }
 
 bool MetricsTraceClient::ProcessArgument(std::string const& argument) {
+    return ProcessArgument(argument, nullptr);
+}
+
+bool MetricsTraceClient::ProcessArgument(std::string const& argument,
+                                         MetricsBitsUtils::OwnMnemonics own) {
     constexpr std::string_view keep = "-trace-keep=";
     if (!argument.starts_with(keep))
-        return TakeArgument(argument, "-trace=");
+        return TakeArgument(argument, "-trace=", own);
     const std::optional<std::uint64_t> size =
         ParseSize(std::string_view(argument).substr(keep.size()));
     if (size)
@@ -74,6 +81,15 @@ bool MetricsTraceClient::Open() {
         throw std::runtime_error("failed to open file");
     OpenFile(m_listener, m_listener->m_file);
     return true;
+}
+
+bool MetricsTraceClient::Open(std::error_code& error) noexcept try {
+    const korsys::NoCancellation guard;
+    error.clear();
+    return Open();
+} catch (...) {
+    error = FailureOf(m_listener ? &m_listener->m_file : nullptr);
+    return false;
 }
 
 bool MetricsTraceClient::Close(unsigned int milliseconds) noexcept {

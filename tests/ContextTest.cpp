@@ -1,7 +1,9 @@
+#include "support/Process.h"
 #include "support/Transcript.h"
 
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <stdexcept>
 #include <thread>
 
@@ -65,6 +67,54 @@ TEST(Context, NeedsNoScopeToClose) {
     disabled.Close();
     EXPECT_EQ(Context::Create(0) + Context::Create(false), 0u);
     EXPECT_EQ(transcript.Next(), "");
+}
+
+TEST(Context, WithANameOpensItsScopeWhenItOpens) {
+    const Transcript transcript;
+    {
+        Context request(0, 1, "request");
+        EXPECT_EQ(transcript.Next(), "Opened 1 in 0: 0, 1\n"
+                                     "Attribute 0 in 1: \"'pid'\", pid\n"
+                                     "Attribute 0 in 1: \"'tid'\", pid\n"
+                                     "Attribute 0 in 1: \"'cid'\", 1\n"
+                                     "ScopeOpened s1 in 1: \"request\", 0\n");
+        request.SetName("too late");
+        request.Emit("event");
+        const Context unnamed(0, 2, ""), null(0, 3, static_cast<char const*>(nullptr));
+        const Context disabled(0, 0, "disabled");
+    }
+    EXPECT_EQ(transcript.Next(), "Custom s1 in 1: \"event\", 0\n"
+                                 "Opened 2 in 0: 0, 2\n"
+                                 "Opened 3 in 0: 0, 3\n"
+                                 "Closed 3 in 0: 0, 3\n"
+                                 "Closed 2 in 0: 0, 2\n"
+                                 "ScopeClosed s1 in 1: \"request\", 0\n"
+                                 "Closed 1 in 0: 0, 1\n");
+
+    // While nothing is recorded its first use is still to come, and so it is when a consumer fails.
+    Manager().SetBitsAbsolute(0);
+    const std::string name = "a name that is too long to be stored inside of a string";
+    Context early(0, 4, name);
+    Manager().SetBitsAbsolute(everyBit);
+    early.OpenScope();
+    EXPECT_EQ(transcript.Next(), "Attribute 0 in 4: \"'pid'\", pid\n"
+                                 "Attribute 0 in 4: \"'tid'\", pid\n"
+                                 "Attribute 0 in 4: \"'cid'\", 4\n"
+                                 "ScopeOpened s2 in 4: \"" +
+                                     name + "\", 0\n");
+    bool throws = true;
+    const Session session;
+    Consume(true, [&throws](const MetricsEvent& event) {
+        if (throws && event.eventType == MetricsEventType::ScopeOpened)
+            throw std::runtime_error("refused");
+    });
+    Context refused(0, 5, "refused");
+    EXPECT_EQ(Manager().GetCurrentThreadContext(), &refused);
+    EXPECT_THROW(refused.OpenScope(), std::runtime_error);
+    transcript.Next();
+    throws = false;
+    refused.OpenScope();
+    EXPECT_EQ(transcript.Next(), "ScopeOpened s5 in 5: \"refused\", 0\n");
 }
 
 TEST(Context, OpensItsScopeInWhateverContextIsCurrent) {
@@ -261,6 +311,117 @@ TEST(Context, CurrentOneIsTheTopOfTheThreadsStack) {
     EXPECT_FALSE(TestBitsAndContext(0));
 }
 
+static std::uint64_t CurrentId() {
+    return Manager().GetCurrentThreadContextId();
+}
+
+TEST(Guard, PutsBackExactlyWhatWasBefore) {
+    Start();
+    Context p(0, 1), q(0, 2);
+    OnAThread([&] {
+        const ContextGuard guard(p); // the first of this thread
+        EXPECT_EQ(Manager().GetCurrentThreadContext(), &p);
+    });
+    std::unique_ptr<Context> left;
+    {
+        const ContextGuard same(q);
+        EXPECT_EQ(CurrentId(), 2u);
+        {
+            const ContextGuard lower(p);
+            EXPECT_EQ(CurrentId(), 1u);
+            const ContextGuard again(p), none(nullptr);
+            EXPECT_EQ(CurrentId(), 1u);
+            left = std::make_unique<Context>(0, 3);
+            EXPECT_EQ(CurrentId(), 3u);
+        }
+        EXPECT_EQ(CurrentId(), 2u) << "without what was left on the stack";
+    }
+    EXPECT_EQ(CurrentId(), 2u) << "the owner's own entry";
+    {
+        Context disabled(0, 0);
+        const ContextGuard nothing(disabled);
+        EXPECT_FALSE(TestBitsAndContext(0));
+        const ContextGuard guard(p);
+        EXPECT_TRUE(TestBitsAndContext(0));
+    }
+    EXPECT_EQ(CurrentId(), 2u);
+    q.DetachFromThread();
+    EXPECT_EQ(CurrentId(), 1u) << "was there once";
+}
+
+TEST(Guard, EndsWhateverHasBecomeOfTheStack) {
+    Start();
+    Context p(0, 1);
+    auto q = std::make_unique<Context>(0, 2);
+    auto r = std::make_unique<Context>(0, 3);
+    {
+        const ContextGuard outer(*q); // p q r |q
+        {
+            const ContextGuard inner(*r); // p q r |q |r
+            q->Close();                   // p r | |r
+            EXPECT_EQ(CurrentId(), 3u);
+            r.reset();
+            EXPECT_EQ(CurrentId(), 1u) << "p | |, whose guards go on";
+            const Context within(0, 4);
+            EXPECT_EQ(CurrentId(), 4u);
+        }
+        EXPECT_EQ(CurrentId(), 1u);
+        const ContextGuard another(*q); // which is closed
+        EXPECT_EQ(CurrentId(), 2u);
+    }
+    EXPECT_EQ(CurrentId(), 1u);
+
+    // Destroyed by another thread, with the owner's entry below one that lives.
+    Context* destroyed = new Context(0, 5);
+    const Context above(0, 6);
+    {
+        const ContextGuard guard(*destroyed);
+        OnAThread([destroyed] { delete destroyed; });
+        EXPECT_EQ(CurrentId(), 6u);
+    }
+    EXPECT_EQ(CurrentId(), 6u);
+
+    // As a coroutine that suspends would: what is left behind does not outlive the next block.
+    auto stray = std::make_unique<std::optional<ContextGuard>>();
+    Context other(0, 7);
+    {
+        const ContextGuard guard(other);
+        stray->emplace(p);
+        OnAThread([&stray] { stray->reset(); });
+        EXPECT_EQ(CurrentId(), 1u);
+    }
+    EXPECT_EQ(CurrentId(), 7u);
+}
+
+TEST(Guard, HasOneContextOnManyThreadsAtOnce) {
+    std::atomic<int> wrong{0}, opened{0}, own{0};
+    const Session session;
+    Consume(true, [&](const MetricsEvent& event) {
+        if (event.eventType == MetricsEventType::ScopeOpened) {
+            const bool isOwn = event.param1.text != nullptr;
+            (isOwn ? own : opened)++;
+            wrong += !isOwn && event.contextId != std::uint64_t(event.param1.integer) ? 1 : 0;
+        }
+    });
+    const int rounds = Repetitions(300);
+    for (int i = 0; i < rounds; ++i) {
+        Context first(0, 1), second(0, 2), disabled(0, 0);
+        const auto work = [&] {
+            const ContextGuard outer(first);
+            const Scope before(1, MetricsBits::act);
+            {
+                const ContextGuard inner(second), none(disabled), again(second);
+                const Scope within(2, MetricsBits::act);
+            }
+            const Scope after(1, MetricsBits::act);
+        };
+        const std::jthread one(work), two(work), three(work);
+    }
+    EXPECT_EQ(wrong, 0);
+    EXPECT_EQ(opened, rounds * 9);
+    EXPECT_EQ(own, rounds * 2) << "each context's own scope opens once";
+}
+
 TEST(Handle, CarriesAChildToAnotherThread) {
     const Transcript transcript;
     EXPECT_EQ(UniqueMetricsContext(true).Open(), nullptr) << "without a parent";
@@ -299,6 +460,60 @@ TEST(Handle, CarriesAChildToAnotherThread) {
     }
     EXPECT_EQ(transcript.Next(), "Closed 5 in 3: 0, 5\n"
                                  "Closed 3 in 1: 0, 3\n");
+}
+
+TEST(Handle, CarriesANameToWhereItIsOpened) {
+    const Transcript transcript;
+    const Context parent(0, Context::Create(true));
+    const std::string name = "a name that is too long to be stored inside of a string";
+    const UniqueMetricsContext unique(true, name), inert(false, name);
+    const UniqueMetricsContext unopened(true, std::string_view(name).substr(0, 20));
+    EXPECT_EQ(inert.Open(), nullptr);
+    transcript.Next();
+    OnAThread([&] {
+        const auto child = unique.Open(); // as const, as a scheduler calls what it is given
+        EXPECT_EQ(transcript.Next(), "Opened 2 in 1: 0, 2\n"
+                                     "Attribute 0 in 2: \"'pid'\", pid\n"
+                                     "Attribute 0 in 2: \"'tid'\", tid\n"
+                                     "Attribute 0 in 2: \"'cid'\", 2\n"
+                                     "ScopeOpened s1 in 2: \"" +
+                                         name + "\", 0\n");
+    });
+    transcript.Next();
+    {
+        const SharedMetricsContext shared(true, "shared");
+        EXPECT_EQ(Manager().GetCurrentThreadContext(), &parent);
+        EXPECT_EQ(transcript.Next(), "Created 4 in 1: 0, 4\n"
+                                     "Opened 4 in 1: 0, 4\n"
+                                     "Attribute 0 in 4: \"'pid'\", pid\n"
+                                     "Attribute 0 in 4: \"'tid'\", pid\n"
+                                     "Attribute 0 in 4: \"'cid'\", 4\n"
+                                     "ScopeOpened s2 in 4: \"shared\", 0\n");
+        EXPECT_EQ(SharedMetricsContext(false, "inert").Open("child"), nullptr);
+        OnAThread([copy = shared] { copy.Open("child"); });
+        const std::string child = transcript.Next();
+        EXPECT_NE(child.find("ScopeOpened s3 in 5: \"child\", 0\n"), child.npos) << child;
+    }
+    EXPECT_EQ(transcript.Next(), "ScopeClosed s2 in 4: \"shared\", 0\n"
+                                 "Closed 4 in 1: 0, 4\n");
+}
+
+TEST(Handle, IsOpenedByOneOfSeveralThreads) {
+    Start();
+    const Context parent(0, 1);
+    for (int i = 0; i < Repetitions(300); ++i) {
+        const UniqueMetricsContext handle(true, "child");
+        std::atomic<int> waiting{2}, opened{0};
+        const auto open = [&] {
+            for (--waiting; waiting != 0;)
+                std::this_thread::yield();
+            opened += handle.Open() != nullptr ? 1 : 0;
+        };
+        std::thread other(open);
+        open();
+        other.join();
+        ASSERT_EQ(opened, 1);
+    }
 }
 
 TEST(Handle, MovedFromIsInert) {

@@ -143,6 +143,52 @@ TEST(RawClient, AdjustsTheMaskByItsArguments) {
     std::remove(filePath.c_str());
 }
 
+TEST(RawClient, TakesTheApplicationsOwnMnemonics) {
+    const auto own = [](std::string_view mnemonic) -> std::uint64_t {
+        return mnemonic == "billing" ? 1ul << 50 : mnemonic == "act" ? 1ul << 51 : 0;
+    };
+    const struct {
+        std::vector<std::string> arguments;
+        std::uint64_t after;                                                      // 1 << 52 before
+    } rows[] = {{{"-set=billing,act"}, 1ul << 50 | MetricsBits::act | 1ul << 52}, // act is known
+                {{"-setabs=billing,bogus"}, 1ul << 50},
+                {{"-set=net,billing", "-clear=billing"}, MetricsBits::net | 1ul << 52},
+                {{"-set=billing", "-set=net"}, MetricsBits::net | 1ul << 52}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.arguments[0]);
+        MetricsRawClient client;
+        EXPECT_TRUE(client.ProcessArgument("-raw=/dev/null", own));
+        EXPECT_FALSE(client.ProcessArgument("billing", own));
+        for (const std::string& argument : row.arguments)
+            EXPECT_TRUE(client.ProcessArgument(argument, own));
+        Manager().SetBitsAbsolute(1ul << 52);
+        EXPECT_TRUE(client.Open());
+        EXPECT_EQ(Manager().SetBits(0), row.after);
+    }
+    EXPECT_EQ(MetricsBitsUtils::ValidateMnemonicList("billing,bogus,,act", own), "bogus,");
+    EXPECT_EQ(MetricsBitsUtils::GetMetricsBitsFromMnemonicList(
+                  "x", [](std::string_view) { return 0xFFFul; }),
+              0u)
+        << "is no category";
+}
+
+TEST(RawClient, SaysThatAConsumerKeptItFromOpening) {
+    bool throws = true;
+    const Session session;
+    Consume(true, [&throws](const MetricsEvent&) {
+        if (throws)
+            throw 42;
+    });
+    MetricsRawClient client;
+    client.SetOutputFileName("/dev/null");
+    std::error_code error;
+    EXPECT_FALSE(client.Open(error));
+    EXPECT_EQ(error, std::errc::operation_canceled);
+    throws = false;
+    EXPECT_TRUE(client.Open(error));
+    EXPECT_FALSE(error);
+}
+
 TEST(RawClient, WritesWhatHappensWhileItIsOpen) {
     MetricsRawClient client;
     EXPECT_TRUE(client.ProcessArgument("-raw=x") && client.ProcessArgument("-raw="));

@@ -18,8 +18,7 @@ int main(int argc, char** argv) {
 
     {
         // A context is a unit of work, such as a request. This one has no parent: it is a root.
-        Context request(0, Context::Create(true));
-        request.SetName("request");
+        Context request(0, Context::Create(true), "request");
 
         // A scope is a stretch of that work. It belongs to the category `act`: when `act` is
         // off, it costs one load and records nothing.

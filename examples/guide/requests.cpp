@@ -39,24 +39,23 @@ int Sum(const Numbers& numbers) {
 /// Goes to a thread pool. Its context is a child of the one that is current where the job is made.
 struct Job {
     Numbers numbers;
-    Metrics::UniqueMetricsContext context{true};
+    Metrics::UniqueMetricsContext context{true, "job"};
 };
 
 int Work(Job job) { // on a thread of the pool
+    // Null where there was no current context: nothing is recorded then.
     const std::unique_ptr<Metrics::Context> context = job.context.Open();
-    if (context != nullptr) // null where there was no current context: nothing is recorded then
-        context->SetName("job");
     return Sum(job.numbers);
 } // the context closes here, on the thread that opened it
 // [end]
 
 // [snippet: shared]
 int SumOfPieces(const Numbers& numbers) {
-    const Metrics::SharedMetricsContext pieces(true); // one parent for all pieces
+    const Metrics::SharedMetricsContext pieces(true, "pieces"); // one parent for all pieces
     std::vector<std::future<int>> sums;
     for (const int number : numbers)
         sums.push_back(std::async(std::launch::async, [pieces, number] { // a copy of the handle
-            const std::unique_ptr<Metrics::Context> context = pieces.Open();
+            const std::unique_ptr<Metrics::Context> context = pieces.Open("piece");
             return Sum({number});
         }));
     int sum = 0;
@@ -68,8 +67,8 @@ int SumOfPieces(const Numbers& numbers) {
 
 // [snippet: request]
 int HandleRequest(const std::string& user, const Numbers& numbers) {
-    Metrics::Context context(0, Metrics::Context::Create(true)); // a root, current on this thread
-    context.SetName("request"); // before the first scope: it labels the context's own
+    // A root, current on this thread. The name is the label of the scope that each context has.
+    const Metrics::Context context(0, Metrics::Context::Create(true), "request");
     Metrics::Attribute("user", user, MetricsBits::query);
 
     const Metrics::Scope scope("handle", MetricsBits::query);

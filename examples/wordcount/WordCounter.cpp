@@ -72,7 +72,7 @@ private:
 /// that takes the file: the time between the two is how long the file had to wait.
 struct Job {
     fs::path file;
-    Metrics::UniqueMetricsContext context{true};
+    Metrics::UniqueMetricsContext context{true, "file"};
 };
 
 void FindFiles(const fs::path& path, bool isNamed, std::vector<Job>& jobs, Progress& progress) {
@@ -135,8 +135,6 @@ Totals Count(std::string_view text) {
 /// Runs on a worker thread.
 Totals CountFile(Job& job, Progress& progress) {
     const std::unique_ptr<Metrics::Context> context = job.context.Open();
-    if (context != nullptr)
-        context->SetName("file");
     Attribute("file", job.file.native(), MetricsBits::act);
     try {
         const std::string text = Read(job.file);
@@ -153,8 +151,7 @@ Totals CountFile(Job& job, Progress& progress) {
 } // namespace
 
 Totals CountWords(const std::vector<fs::path>& paths) {
-    Metrics::Context run(0, Metrics::Context::Create(true));
-    run.SetName("wordcount");
+    const Metrics::Context run(0, Metrics::Context::Create(true), "wordcount");
 
     Progress progress;
     std::vector<Job> jobs;

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 /// The categories: mnemonic and value. The one list behind MetricsBits and the mnemonic table.
 #define METRICS_CATEGORIES(X)                                                                      \
@@ -71,12 +72,36 @@ namespace MetricsBitsUtils {
 /// Cost: takes no lock and allocates nothing.
 METRICS_EXPORT std::uint64_t GetMetricsBitsFromMnemonicList(std::string const& list);
 
+/// An application's own mnemonics, for categories that have none here (bits 13 to 15 and 50 to 63):
+/// @return the bits of one, 0 for an unknown one. It is asked for the pieces of a list that are
+/// unknown here, and on the calling thread only.
+///
+///     std::uint64_t OwnBits(std::string_view mnemonic) noexcept {
+///         return mnemonic == "billing" ? std::uint64_t{1} << 50 : 0;
+///     }
+using OwnMnemonics = std::uint64_t (*)(std::string_view mnemonic);
+
+/// The same with the application's own mnemonics; null has none.
+///
+/// Thread-safety: safe from any thread at any time.
+/// Cost: takes no lock and allocates nothing.
+/// @throws what `own` throws.
+METRICS_EXPORT std::uint64_t GetMetricsBitsFromMnemonicList(std::string const& list,
+                                                            OwnMnemonics own);
+
 /// The unknown pieces of the list, comma-separated, in their order; empty when all are known.
 ///
 /// Thread-safety: safe from any thread at any time.
 /// Cost: takes no lock; allocates the result.
 /// @throws std::bad_alloc
 METRICS_EXPORT std::string ValidateMnemonicList(std::string const& list);
+
+/// The same with the application's own mnemonics; null has none.
+///
+/// Thread-safety: safe from any thread at any time.
+/// Cost: takes no lock; allocates the result.
+/// @throws std::bad_alloc, and what `own` throws.
+METRICS_EXPORT std::string ValidateMnemonicList(std::string const& list, OwnMnemonics own);
 
 /// Every mnemonic that shares a bit with the mask, in byte order, comma-separated. "all" is listed
 /// for any mask with one of bits 16 to 63, so a round trip widens such a mask.

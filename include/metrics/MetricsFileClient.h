@@ -1,6 +1,7 @@
 #ifndef METRICS_FILE_CLIENT_H
 #define METRICS_FILE_CLIENT_H
 
+#include <metrics/MetricsBitsUtils.h>
 #include <metrics/MetricsContext.h>
 #include <metrics/MetricsEvent.h>
 #include <metrics/MetricsExport.h>
@@ -9,6 +10,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <system_error>
 
 namespace Metrics {
 
@@ -44,12 +46,15 @@ protected:
     ~MetricsFileClient();
 
     /// Takes an argument for the categories, or the path behind `pathOption`.
-    bool TakeArgument(std::string const& argument, const char* pathOption);
+    bool TakeArgument(std::string const& argument, const char* pathOption,
+                      MetricsBitsUtils::OwnMnemonics own);
     /// Whether there is a path, and the process is no forked child.
     bool MayOpen() const noexcept;
     /// Adjusts the mask, registers the listener and opens the root context.
     /// @throws std::bad_alloc, what a synchronous consumer throws; the file is closed then.
     void OpenFile(const MetricsListenerPtr& listener, detail::EventFile& file);
+    /// What Open tells of the exception that is being handled; `file` is what it was to open.
+    static std::error_code FailureOf(const detail::EventFile* file) noexcept;
     /// All that Close does. @return what it returns.
     bool CloseFile(const IMetricsListener* listener, detail::EventFile* file,
                    unsigned int milliseconds) noexcept;

@@ -1,12 +1,14 @@
 #ifndef METRICS_RAW_CLIENT_H
 #define METRICS_RAW_CLIENT_H
 
+#include <metrics/MetricsBitsUtils.h>
 #include <metrics/MetricsEvent.h>
 #include <metrics/MetricsExport.h>
 #include <metrics/MetricsFileClient.h>
 
 #include <memory>
 #include <string>
+#include <system_error>
 
 namespace Metrics {
 
@@ -44,6 +46,10 @@ public:
     /// @throws std::bad_alloc
     bool ProcessArgument(std::string const& argument);
 
+    /// The same, and lists may name the application's own categories as well.
+    /// Cost: the same. @throws std::bad_alloc, and what `own` throws.
+    bool ProcessArgument(std::string const& argument, MetricsBitsUtils::OwnMnemonics own);
+
     /// Creates the file or empties it, writes the header, adjusts the manager's mask, registers the
     /// listener, and opens a root context that becomes the calling thread's current context. The
     /// host enables the manager before: otherwise the file gets its header only. An open client is
@@ -60,6 +66,12 @@ public:
     ///         std::bad_alloc; what a synchronous consumer throws. The client is closed then, with
     ///         nothing registered.
     bool Open();
+
+    /// The same for applications without exceptions. @return false, with the reason in `error`,
+    /// where Open throws: that of GetFirstError for the file (in errno's category),
+    /// std::errc::not_enough_memory, or std::errc::operation_canceled for a synchronous consumer
+    /// that throws. Else `error` is cleared.
+    bool Open(std::error_code& error) noexcept;
 
     /// Closes the root context, waits until everything that was queued by then is in the file, ends
     /// the registration and closes the file; gives up waiting after `milliseconds` of the steady

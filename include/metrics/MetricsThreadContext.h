@@ -54,12 +54,15 @@ public:
 
 private:
     friend class Context;
+    friend class ContextGuard;
     friend detail::ContextState* CurrentStateOf(MetricsThreadContext& stack) noexcept;
-    void ReserveOne();
-    detail::ContextState* SkipDestroyed() noexcept;
+    void Reserve(std::uint32_t more);
+    void Push(Context* context) noexcept;
+    void ShrinkTo(std::uint32_t size) noexcept;
+    detail::ContextState* FindCurrent() noexcept;
 
     // No container, whose layout depends on how the application is compiled.
-    detail::ContextState** m_entries = nullptr; // each with a reference; null was attached as null
+    detail::ContextState** m_entries = nullptr; // contexts, each with a reference; or placeholders
     std::uint32_t m_size = 0;
     std::uint32_t m_capacity = 0;
 };

@@ -1,12 +1,14 @@
 #ifndef METRICS_TRACE_CLIENT_H
 #define METRICS_TRACE_CLIENT_H
 
+#include <metrics/MetricsBitsUtils.h>
 #include <metrics/MetricsEvent.h>
 #include <metrics/MetricsExport.h>
 #include <metrics/MetricsFileClient.h>
 
 #include <cstdint>
 #include <string>
+#include <system_error>
 
 namespace Metrics {
 
@@ -48,6 +50,10 @@ public:
     /// @throws std::bad_alloc
     bool ProcessArgument(std::string const& argument);
 
+    /// The same, and lists may name the application's own categories as well.
+    /// Cost: the same. @throws std::bad_alloc, and what `own` throws.
+    bool ProcessArgument(std::string const& argument, MetricsBitsUtils::OwnMnemonics own);
+
     /// Creates the folder when there is none, removes the trace that it holds, writes the
     /// description of the new one, adjusts the manager's mask, registers the listener, and opens a
     /// root context, as MetricsRawClient::Open does. @return false, changing nothing, when no
@@ -59,6 +65,10 @@ public:
     ///         what it holds is not a trace of ours; std::bad_alloc; what a synchronous consumer
     ///         throws. The client is closed then, with nothing registered.
     bool Open();
+
+    /// The same for applications without exceptions, as MetricsRawClient has it: @return false,
+    /// with the reason in `error`, where Open throws. Else `error` is cleared.
+    bool Open(std::error_code& error) noexcept;
 
     /// Closes the root context, waits until everything that was queued by then is in the trace,
     /// ends the registration and closes the trace; gives up waiting after `milliseconds` of the

@@ -37,8 +37,7 @@ bool IsTheLibrarys(const void* code) {
 
 } // namespace
 
-// What the library may allocate with: malloc and aligned_alloc, by way of new; TBB's own; and the
-// kernel's.
+// What the library may allocate with: malloc and aligned_alloc, by way of new, and the kernel's.
 extern "C" {
 void* __libc_malloc(std::size_t size);
 void* __libc_memalign(std::size_t alignment, std::size_t size);
@@ -60,14 +59,6 @@ void* mmap(void* address, std::size_t size, int protection, int flags, int file,
         syscall(SYS_mmap, address, size, protection, flags, file, offset));
 }
 }
-namespace tbb::detail::r1 {
-[[gnu::visibility("default")]] void* cache_aligned_allocate(std::size_t size) {
-    if (Fails())
-        throw std::bad_alloc();
-    static void* const real = dlsym(RTLD_NEXT, "_ZN3tbb6detail2r122cache_aligned_allocateEm");
-    return reinterpret_cast<void* (*)(std::size_t)>(real)(size);
-}
-} // namespace tbb::detail::r1
 
 namespace {
 
@@ -129,6 +120,21 @@ const struct Operation {
      nullptr,
      [](State& s) { s.context = std::make_unique<Context>(1, 2); },
      {ContextOpened}},
+    {"Context with a name",
+     nullptr,
+     [](State& s) {
+         if (s.context == nullptr)
+             s.context = std::make_unique<Context>(1, 2, "a name that has to be allocated");
+         s.context->OpenScope(); // goes on, where the constructor has stopped quietly
+     },
+     {ContextOpened, Attribute, Attribute, Attribute, ScopeOpened}},
+    {"ContextGuard",
+     OpenContext,
+     [](State& s) {
+         const ContextGuard outer(*s.context), inner(*s.context), innermost(s.context.get());
+         VERIFY(Manager().GetThreadContext()->GetCurrentContext() == s.context.get());
+     },
+     {}},
     {"Emit",
      OpenContext,
      [](State& s) { s.context->Emit("text"); },
@@ -150,7 +156,9 @@ const struct Operation {
      OneLostOrTwoTries},
     {"UniqueMetricsContext",
      OpenContext,
-     [](State& s) { s.unique = std::make_unique<UniqueMetricsContext>(true); },
+     [](State& s) {
+         s.unique = std::make_unique<UniqueMetricsContext>(true, "a name that has to be allocated");
+     },
      {ContextCreated}},
     {"UniqueMetricsContext::Open",
      OpenContextAndHandles,
@@ -180,6 +188,18 @@ const struct Operation {
     {"MetricsRawClient::Open",
      nullptr,
      OpenClient,
+     {ContextCreated, ContextOpened},
+     OneLostOrTwoTries},
+    {"MetricsRawClient::Open without exceptions",
+     nullptr,
+     [](State& s) {
+         s.client.SetOutputFileName("/dev/null");
+         std::error_code error;
+         if (s.client.Open(error))
+             return;
+         VERIFY((error == std::errc::not_enough_memory));
+         throw std::bad_alloc();
+     },
      {ContextCreated, ContextOpened},
      OneLostOrTwoTries},
     {"MetricsRawClient::Close",

@@ -397,10 +397,15 @@ void OpensFolders() {
             return 0;
         } catch (const std::runtime_error& error) {
             VERIFY(std::string(error.what()) == "failed to open file");
-            return other.GetFirstError().error;
+            const int reason = other.GetFirstError().error;
+            std::error_code told;
+            VERIFY(!other.Open(told) && told == std::error_code(reason, std::generic_category()));
+            return reason;
         }
     };
+    VERIFY(client.ProcessArgument("-setabs=mine", [](std::string_view) { return 1ul << 50; }));
     VERIFY(OpenTrace(client)); // not enabled: a trace without events
+    VERIFY(Manager().SetBits(0) == 1ul << 50);
     VERIFY(errorOf(s_folder.path) == EWOULDBLOCK);
     client.Close();
     VERIFY(ReadTrace(s_folder.path).events.empty());
