@@ -7,7 +7,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 # What every build needs.
 # shellcheck disable=SC2034 # used by those who source this
-build_packages=(g++ cmake ninja-build libtbb-dev)
+build_packages=(g++ cmake ninja-build libtbb-dev libcli11-dev nlohmann-json3-dev zlib1g-dev)
 
 say() { printf '==> %s\n' "$*"; }
 

@@ -1,5 +1,5 @@
-# What `cmake --install` puts down. Two components, which are also the two Debian packages: what a
-# program needs to run, and what it needs to be built.
+# What `cmake --install` puts down. Three components, which are also the three Debian packages: what
+# a program needs to run, what it needs to be built, and the command.
 include(CMakePackageConfigHelpers)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Metrics)
@@ -34,6 +34,12 @@ cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_INCLUDEDIR
 configure_file(cmake/metrics.pc.in metrics.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/metrics.pc
     DESTINATION ${pkgconfig_dir} COMPONENT development)
+
+if(METRICS_BUILD_TOOLS)
+    install(TARGETS metrics_command
+        RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+    install(FILES docs/metrics.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+endif()
 
 install(FILES LICENSE-PENDING.md CHANGELOG.md
     DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)

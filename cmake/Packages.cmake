@@ -1,5 +1,6 @@
-# The Debian packages, made by `cpack -G DEB`: libmetrics<N> to run, libmetrics-dev to build, and
-# libmetrics<N>-dbgsym, a .ddeb, with the debug symbols of the first.
+# The Debian packages, made by `cpack -G DEB`: libmetrics<N> to run, libmetrics-dev to build,
+# metrics-tools for the command, and libmetrics<N>-dbgsym, a .ddeb, with the debug symbols of the
+# first.
 if(NOT PROJECT_IS_TOP_LEVEL)
     return()
 endif()
@@ -11,6 +12,9 @@ set(runtime_package libmetrics${PROJECT_VERSION_MAJOR})
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_CONTACT ${METRICS_PACKAGE_CONTACT})
 set(CPACK_COMPONENTS_ALL runtime development)
+if(METRICS_BUILD_TOOLS)
+    list(APPEND CPACK_COMPONENTS_ALL tools)
+endif()
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -28,5 +32,11 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${runtime_package} (= ${PROJECT_VERSION})")
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
     "The headers, the CMake package, the pkg-config file and the API reference.")
+
+set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME metrics-tools)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
+set(CPACK_COMPONENT_TOOLS_DESCRIPTION
+    "The command metrics, which shows where the time went in recorded runs.")
 
 include(CPack)

@@ -139,7 +139,10 @@ Chunk* ChunkPool::TakeFresh() noexcept {
     for (;;) {
         if (slab != nullptr) {
             // Relaxed: the number alone is drawn here.
-            const std::uint32_t number = slab->used.fetch_add(1, std::memory_order_relaxed);
+            // Looked at before, so that it does not go round where no further slab can be had.
+            const std::uint32_t number = slab->used.load(std::memory_order_relaxed) < Slab::chunks
+                                             ? slab->used.fetch_add(1, std::memory_order_relaxed)
+                                             : Slab::chunks;
             if (number < Slab::chunks) {
                 m_fresh.fetch_add(1, std::memory_order_relaxed);
                 return slab->At(number);

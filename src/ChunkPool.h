@@ -9,7 +9,7 @@
 namespace Metrics::detail {
 
 /// A block of memory that one thread fills with records; see EventQueue.
-struct Chunk {
+struct alignas(64) Chunk {
     static constexpr std::size_t size = 2048;
 
     // While it is filled: the chunk that follows in the same queue. While it is free: the one below
@@ -17,7 +17,6 @@ struct Chunk {
     // that was taken a moment before.
     std::atomic<Chunk*> next;
     std::atomic<std::uint32_t> below; // free: how many lie below it
-    std::uint32_t records;            // full: how many stand in it
     std::atomic<bool> hasObjects;     // in use: something in it must be destroyed
 
     /// Relaxed: published with the record that holds the object.

@@ -8,7 +8,6 @@
 
 #include <memory>
 #include <new>
-#include <thread>
 #include <utility>
 
 namespace Metrics::detail {
@@ -16,8 +15,6 @@ namespace Metrics::detail {
 constinit Consumers s_consumers;
 
 namespace {
-
-constexpr std::chrono::microseconds pollStep{50};
 
 class FrameGuard {
 public:
@@ -111,15 +108,11 @@ void ConsumerList::ResetLock() noexcept {
 bool Consumers::WaitForCalls(const ConsumerList& list, Deadline deadline) const noexcept {
     if (&list == &m_synchronous)
         return s_threads.WaitForCalls(deadline);
-    if (t_thread.isDeliveryThread) // between two calls: see AddConsumer
+    if (t_thread.isDeliveryThread) // which is between two calls, or it would be refused
         return true;
     const std::uint32_t seen = m_delivery.Read();
-    while (Section::IsInside(seen) && m_delivery.Read() == seen) {
-        if (std::chrono::steady_clock::now() >= deadline)
-            return false;
-        std::this_thread::sleep_for(pollStep);
-    }
-    return true;
+    return !Section::IsInside(seen) ||
+           PollUntil(deadline, [this, seen] { return m_delivery.Read() != seen; });
 }
 
 Consumers::Removed Consumers::RemoveUntil(const IMetricsListener* listener, Deadline deadline) {
@@ -145,14 +138,14 @@ Consumers::Removed RemoveConsumerUntil(const IMetricsListener* listener, Deadlin
     return s_consumers.RemoveUntil(listener, deadline);
 }
 
-void Consumers::ReleaseAll() noexcept {
-    for (ConsumerList* const list : {&m_synchronous, &m_asynchronous}) {
+void Consumers::ReleaseAll(Deadline deadline) noexcept {
+    for (ConsumerList* const list : {&m_asynchronous, &m_synchronous}) {
         list->Close();
         while (Consumer* const removed = list->Remove(nullptr))
             list->Keep(removed);
         const std::uint32_t removal = list->Removals();
-        WaitForCalls(*list, Deadline::max());
-        list->FreeKept(removal);
+        if (WaitForCalls(*list, deadline))
+            list->FreeKept(removal);
     }
 }
 
@@ -206,24 +199,22 @@ void Consumers::CallSynchronousQuietly(ThreadRecord& record, const MetricsEvent&
              [&event](IMetricsListener& listener) { CallQuietly(listener, event); });
 }
 
-Consumers::Calls::Calls(Consumers& consumers) noexcept : m_consumers(consumers) {
+void Consumers::Calls::Enter() noexcept {
     m_consumers.m_delivery.Enter();
+    m_isInside = true;
     m_removals = m_consumers.m_asynchronous.Removals();
 }
 
-Consumers::Calls::~Calls() {
-    m_consumers.m_delivery.Leave();
-}
-
-void Consumers::Calls::Renew() noexcept {
-    m_consumers.m_delivery.Leave();
-    m_consumers.m_delivery.Enter();
-    m_removals = m_consumers.m_asynchronous.Removals();
+void Consumers::Calls::Leave() noexcept {
+    if (std::exchange(m_isInside, false))
+        m_consumers.m_delivery.Leave();
 }
 
 void Consumers::Calls::Call(const MetricsEvent& event, pid_t emitter) {
-    if (m_removals != m_consumers.m_asynchronous.Removals()) [[unlikely]]
-        Renew();
+    if (m_removals != m_consumers.m_asynchronous.Removals()) [[unlikely]] {
+        Leave();
+        Enter();
+    }
     CallEach(m_consumers.m_asynchronous, event, emitter,
              [&event](IMetricsListener& listener) { CallQuietly(listener, event); });
 }

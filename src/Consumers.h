@@ -113,24 +113,27 @@ public:
     /// locked instruction for each, and leaves it for a moment when a registration has ended.
     class Calls {
     public:
-        explicit Calls(Consumers& consumers) noexcept;
-        ~Calls();
+        explicit Calls(Consumers& consumers) noexcept : m_consumers(consumers) { Enter(); }
+        ~Calls() { Leave(); }
         Calls(const Calls&) = delete;
         Calls& operator=(const Calls&) = delete;
 
         /// Calls the asynchronous consumers; what they throw is dropped.
         void Call(const MetricsEvent& event, pid_t emitter);
 
-    private:
-        void Renew() noexcept;
+        /// Outside of the section, code of the application may run that waits for a removal.
+        void Leave() noexcept;
+        void Enter() noexcept;
 
+    private:
         Consumers& m_consumers;
-        std::uint32_t m_removals;
+        bool m_isInside = false;
+        std::uint32_t m_removals = 0;
     };
 
-    /// Ends all registrations, waits for the synchronous calls in progress, however long they take,
-    /// and lets the consumers go.
-    void ReleaseAll() noexcept;
+    /// Ends all registrations, waits for the synchronous calls in progress, and lets the consumers
+    /// go. Past the deadline those of the synchronous ones are kept.
+    void ReleaseAll(Deadline deadline) noexcept;
 
     /// In a forked child.
     void ResetLocks() noexcept;

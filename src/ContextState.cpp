@@ -5,11 +5,16 @@
 #include <metrics/MetricsScope.h>
 
 #include <array>
+#include <memory>
 #include <utility>
 
 namespace Metrics::detail {
 
-void ContextState::OpenOwnScope() {
+void ContextState::OpenNewOwnScope() {
+    // Another thread may destroy the context meanwhile, and this one pass over it.
+    AddReference();
+    const std::unique_ptr<ContextState, void (*)(ContextState*)> guard(
+        this, [](ContextState* self) { self->RemoveReference(); });
     OwnScope before = OwnScope::New;
     if (!ownScope.compare_exchange_strong(before, OwnScope::Opening, std::memory_order_acquire))
         return;

@@ -53,7 +53,11 @@ struct ContextState {
     const bool isNamed;                  // from the beginning: the scope opens with the context
     std::string name;                    // the scope's label
 
-    void OpenOwnScope();
+    /// Does it once; nothing when it is done or under way.
+    void OpenOwnScope() {
+        if (ownScope.load(std::memory_order_relaxed) == OwnScope::New) [[unlikely]]
+            OpenNewOwnScope();
+    }
     void CloseOwnScope();
     bool HasOpenScope() const noexcept {
         // Acquire: ownScopeContextId.
@@ -66,6 +70,7 @@ struct ContextState {
 
 private:
     ~ContextState() = default;
+    void OpenNewOwnScope();
     OwnScope EmitOpening();
     void EmitOwnScope(MetricsEventType type);
 

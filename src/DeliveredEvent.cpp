@@ -33,7 +33,7 @@ const MetricsEvent& DeliveredEvent::Make(Record& record) {
     if (record.first == Record::Form::Shared) [[unlikely]] {
         m_shared = std::move(record.SharedEvent());
         record.SharedEvent().~shared_ptr();
-        m_hasObjects = true;
+        m_holdsObjects = true;
         return *m_shared;
     }
     std::byte* tails[2] = {record.Tail(), record.Tail()};
@@ -63,13 +63,13 @@ const MetricsEvent& DeliveredEvent::Make(Record& record) {
             value.integer = 0;
             value.text = std::move(m_texts[i].spare);
             m_texts[i].isInUse = true;
-            m_hasObjects = true;
+            m_hasTexts = true;
             break;
         case Record::Form::Value: {
             auto* const taken = std::launder(reinterpret_cast<MetricsValue*>(tails[i]));
             value = std::move(*taken);
             taken->~MetricsValue();
-            m_hasObjects = true;
+            m_holdsObjects = true;
             break;
         }
         default:
@@ -92,8 +92,9 @@ void DeliveredEvent::Return(Text& text, MetricsValue& value) noexcept {
 }
 
 void DeliveredEvent::Clear() noexcept {
-    if (!std::exchange(m_hasObjects, false)) [[likely]]
+    if (!m_hasTexts && !m_holdsObjects) [[likely]]
         return;
+    m_hasTexts = m_holdsObjects = false;
     m_shared = nullptr;
     Return(m_texts[0], m_event.param1);
     Return(m_texts[1], m_event.param2);

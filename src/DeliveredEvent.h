@@ -22,7 +22,9 @@ public:
     /// @throws std::bad_alloc; the record is as it was.
     const MetricsEvent& Make(Record& record);
 
-    /// Lets go of what the event holds. Code of the application may run.
+    /// Whether code of the application may run when the event is let go of.
+    bool HoldsObjects() const noexcept { return m_holdsObjects; }
+    /// Lets go of what the event holds.
     void Clear() noexcept;
 
 private:
@@ -37,7 +39,8 @@ private:
     MetricsEvent m_event;
     std::shared_ptr<MetricsEvent> m_shared;
     std::array<Text, 2> m_texts;
-    bool m_hasObjects = false;
+    bool m_hasTexts = false;
+    bool m_holdsObjects = false;
 };
 
 } // namespace Metrics::detail

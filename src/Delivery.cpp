@@ -1,5 +1,6 @@
 #include "Delivery.h"
 
+#include "Emit.h"
 #include "Lifecycle.h"
 
 #include <cxxabi.h>
@@ -85,11 +86,13 @@ bool FlushUntil(Deadline deadline) {
     Delivery* const delivery = FindDelivery();
     if (delivery == nullptr || !s_life.Accepts() || t_thread.isDeliveryThread || IsInsideCall())
         return false;
+    const std::uint64_t now = s_stampClock.Now();
     const std::uint64_t request = delivery->GetFlushes().Request();
     if (request == 0)
         return false;
     delivery->Wake();
-    return delivery->GetFlushes().WaitUntil(request, deadline);
+    // What was emitted behind the end is not delivered, though the request is answered.
+    return delivery->GetFlushes().WaitUntil(request, deadline) && !delivery->EndsBefore(now);
 }
 
 // The object -----------------------------------------------------------------------------------
@@ -184,10 +187,13 @@ void Delivery::Run() {
         BalanceMemory();
         const bool isIdle = isComplete && m_delivered == 0;
         if (isIdle && ++idlePauses % idlePausesPerCheck == 0 && IsLastThread()) {
+            ShowShutdown();
             s_life.SwitchOff(); // the process ends when this thread does, see pthread_exit(3)
             EndHere();
         } else if (m_delivered < largeBatch) {
-            m_wake.Wait(isIdle ? idlePause : batchPause);
+            // With thousands of threads the look at their queues is what costs.
+            const auto gather = batchPause + static_cast<unsigned int>(s_threads.Size() / 200);
+            m_wake.Wait(isIdle ? idlePause : std::min(gather, idlePause));
         }
     }
     if (!InForkedChild())
@@ -219,9 +225,8 @@ void Delivery::Merge(std::uint64_t cut) {
     // something was emitted does not miss it.
     if (!s_consumers.HasAsynchronous()) {
         for (const Source& source : m_sources) {
-            const std::uint64_t before = source.record->queue.Popped();
             source.record->queue.Discard(source.end);
-            m_delivered += source.record->queue.Popped() - before;
+            ++m_delivered; // a batch, at least
         }
         return;
     }
@@ -241,7 +246,16 @@ void Delivery::Merge(std::uint64_t cut) {
             if (InForkedChild())
                 return;
             queue.Pop();
-            m_event.Clear();
+            if (m_event.HoldsObjects()) [[unlikely]] {
+                // Whoever waits for the end of a call must not wait for what is freed here.
+                calls.Leave();
+                m_event.Clear();
+                if (InForkedChild())
+                    return;
+                calls.Enter();
+            } else {
+                m_event.Clear();
+            }
             ++m_delivered;
             record = queue.Front(source.end);
         } while (record != nullptr && record->Order() <= until);
@@ -271,29 +285,37 @@ void Delivery::LookAtMemory() noexcept {
 
 void Delivery::BalanceMemory() noexcept {
     const std::size_t inUse = s_chunks.InUse();
-    if (inUse == 0)
-        return; // nothing was ever emitted
     const std::size_t free = s_chunks.Free();
-    const std::size_t wanted = std::max(warmChunks, m_peak > inUse ? m_peak - inUse : 0);
-    if (free < warmChunks)
+    if (inUse + free == 0)
+        return; // nothing was ever emitted, or all is cold
+    if (free < warmChunks) {
         s_chunks.KeepWarm(warmChunks);
-    else if (free > wanted + wanted / 8)
+        return;
+    }
+    const std::size_t wanted = std::max(warmChunks, m_peak > inUse ? m_peak - inUse : 0);
+    const auto now = std::chrono::steady_clock::now();
+    // Pages of which an idle thread has one half stay, and are not looked at again each time.
+    if (free > wanted + wanted / 8 && free > m_untrimmed + m_untrimmed / 8 && now >= m_trimAt) {
         s_chunks.Trim(wanted);
+        m_trimAt = now + peakStep;
+        const std::size_t left = s_chunks.Free();
+        m_untrimmed = left > wanted + wanted / 8 ? left : 0;
+    }
 }
 
 // The end --------------------------------------------------------------------------------------
 
 void Delivery::End() {
-    s_life.EndDelivery();     // nothing more is let in
-    m_flushes.End();          // everything that was queued before the end is delivered
-    s_consumers.ReleaseAll(); // may call back
+    s_life.EndDelivery(); // nothing more is let in
+    m_flushes.End();      // everything that was queued before the end is delivered
+    s_consumers.ReleaseAll(Deadline::max()); // may call back
     if (InForkedChild())
         return;
     for (ThreadRecord* record = s_threads.First(); record != nullptr; record = record->next)
         record->queue.Discard(record->queue.Published()); // what came behind the end
     s_threads.SetSwept(false);
-    m_sources = {};
-    m_event = {};
+    std::vector<Source>().swap(m_sources);
+    m_event = DeliveredEvent();
     m_stopped.Signal();
 }
 

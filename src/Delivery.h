@@ -88,6 +88,11 @@ public:
     /// Leaves the thread to itself.
     void Detach() noexcept { m_thread.Detach(); }
 
+    /// Whether what was stamped then is behind the end.
+    bool EndsBefore(std::uint64_t order) const noexcept {
+        return m_end.load(std::memory_order_relaxed) < order;
+    }
+
     Flushes& GetFlushes() noexcept { return m_flushes; }
 
 private:
@@ -115,6 +120,8 @@ private:
     std::size_t m_delivered = 0; // in this batch
     std::size_t m_peak = 0;      // chunks that bursts have lately needed
     Deadline m_peakAt{};
+    Deadline m_trimAt{};         // when memory may be given back again
+    std::size_t m_untrimmed = 0; // free chunks that could not be given back last time
 };
 
 /// The object, made on first use in static storage. Under the lifecycle's lock.

@@ -97,7 +97,7 @@ void Emit(const EventHead& head, const Argument& first, const Argument& second) 
     if (!PassesLiveMask(head.bits))
         return;
     ThreadRecord& record = s_threads.Current();
-    const Stamp stamp = s_stampClock.Take(record.wallOffset);
+    const Stamp stamp = s_stampClock.Take(t_thread.wallOffset);
     if (s_consumers.HasSynchronous()) [[unlikely]]
         return EmitToSynchronousConsumers(record, stamp, head, first, second);
     if (first.form > Argument::Form::Characters || second.form > Argument::Form::Characters ||
@@ -114,7 +114,7 @@ void Emit(std::shared_ptr<MetricsEvent>&& event) {
     if (!PassesLiveMask(event->bits))
         return;
     ThreadRecord& record = s_threads.Current();
-    const Stamp stamp = s_stampClock.Take(record.wallOffset);
+    const Stamp stamp = s_stampClock.Take(t_thread.wallOffset);
     PutStamp(stamp, *event);
     if (s_consumers.HasSynchronous()) [[unlikely]] {
         s_consumers.CallSynchronous(record, *event);
@@ -128,7 +128,7 @@ void EmitShutdown(MetricsEvent& event) {
     if (!s_life.Accepts())
         return;
     ThreadRecord& record = s_threads.Current();
-    PutStamp(s_stampClock.Take(record.wallOffset), event);
+    PutStamp(s_stampClock.Take(t_thread.wallOffset), event);
     s_consumers.CallSynchronous(record, event);
     Delivery* const delivery = FindDelivery();
     if (delivery != nullptr && !InForkedChild())
@@ -142,7 +142,7 @@ void ShowShutdown() noexcept {
         ThreadRecord& record = s_threads.Current();
         MetricsEvent event;
         event.eventType = MetricsEventType::Shutdown;
-        PutStamp(s_stampClock.Take(record.wallOffset), event);
+        PutStamp(s_stampClock.Take(t_thread.wallOffset), event);
         s_consumers.CallSynchronousQuietly(record, event);
     } catch (const std::bad_alloc&) {
         // No memory for this thread's record: nobody is told.

@@ -13,19 +13,16 @@ static_assert((Chunk::size - sizeof(Chunk)) / sizeof(Record) == 31);
 std::byte* EventQueue::BeginNextChunk(std::byte* at) {
     Chunk& chunk = s_chunks.Take(); // may throw, before anything has changed
     // Relaxed, here and below: published by the first record of the new chunk.
-    const std::uint64_t appended = m_appended.load(std::memory_order_relaxed);
     chunk.next.store(nullptr, std::memory_order_relaxed);
     chunk.hasObjects.store(false, std::memory_order_relaxed);
     if (at == nullptr) {
         m_first = &chunk;
     } else {
         Chunk* const full = Chunk::Of(at - 1);
-        full->records = static_cast<std::uint32_t>(appended - m_appendedBefore);
         full->next.store(&chunk, std::memory_order_relaxed);
         if (Chunk::RoomAt(at) != 0)
             Record::At(at)->size = 0; // the end mark
     }
-    m_appendedBefore = appended;
     return chunk.Begin();
 }
 
@@ -72,7 +69,6 @@ void EventQueue::Discard(const std::byte* end) noexcept {
         Chunk* const chunk = Chunk::Of(m_read);
         const bool isWhole = chunk != Chunk::Of(end - 1) && m_read == chunk->Begin();
         if (isWhole && !chunk->hasObjects.load(std::memory_order_relaxed)) {
-            m_popped += chunk->records;
             m_read =
                 reinterpret_cast<std::byte*>(chunk) + Chunk::size; // its end: the next one follows
             continue;

@@ -17,6 +17,27 @@
 
 namespace Metrics::detail {
 
+/// memcpy(3) without the call for what labels and names usually are.
+inline void CopyCharacters(void* to, const char* from, std::size_t length) noexcept {
+    const auto copy = [=](auto word) { // the first and the last one, which may overlap
+        std::memcpy(&word, from, sizeof word);
+        auto last = word;
+        std::memcpy(&last, from + length - sizeof word, sizeof word);
+        std::memcpy(to, &word, sizeof word);
+        std::memcpy(static_cast<char*>(to) + length - sizeof word, &last, sizeof word);
+    };
+    if (length > 16)
+        std::memcpy(to, from, length);
+    else if (length >= 8)
+        copy(std::uint64_t{});
+    else if (length >= 4)
+        copy(std::uint32_t{});
+    else if (length >= 2)
+        copy(std::uint16_t{});
+    else if (length == 1)
+        *static_cast<char*>(to) = *from;
+}
+
 /// What an event says beside its stamps and values.
 struct EventHead {
     MetricsEventType type;
@@ -43,7 +64,7 @@ struct Record {
     Form first; // Shared: an event of the application's, whose shared pointer fills both slots
     Form second;
     std::int32_t type;
-    std::uint64_t ticks; // steady clock since the library was loaded, ns
+    std::uint64_t ticks; // steady clock, ns
     std::uint64_t wall;  // wall clock since 1970, ns
     std::uint64_t sourceId;
     std::uint64_t contextId;
@@ -71,7 +92,9 @@ struct Record {
     }
 };
 
-static_assert(sizeof(Record) == 64, "an event of two numbers is one cache line of memory");
+static_assert(
+    sizeof(Record) == 64 && sizeof(Chunk) == 64,
+    "an event of two numbers is one cache line, and begins at one where no text came before");
 static_assert(sizeof(std::shared_ptr<MetricsEvent>) <= sizeof(Record::slots));
 
 /// What waits of one thread's events: records in chunks, of which only that thread writes and only
@@ -124,10 +147,7 @@ public:
     }
 
     /// Goes on behind the record at the front, whose contents were taken out or destroyed.
-    void Pop() noexcept {
-        m_read += Record::At(m_read)->size;
-        ++m_popped;
-    }
+    void Pop() noexcept { m_read += Record::At(m_read)->size; }
 
     /// Destroys what Front has returned, without having looked at it.
     static void Destroy(Record& record) noexcept;
@@ -136,23 +156,13 @@ public:
     /// destroyed. Code of the application may run then.
     void Discard(const std::byte* end) noexcept;
 
-    /// How many records were ever taken out.
-    std::uint64_t Popped() const noexcept { return m_popped; }
-
     /// Whether everything that was appended was taken out.
     bool IsEmpty() const noexcept { return m_read == Published(); }
 
     /// Of an empty queue without an owner: gives the last chunk back.
     void Release() noexcept;
 
-    /// How many records were ever appended. Relaxed: a number for people.
-    std::uint64_t Appended() const noexcept { return m_appended.load(std::memory_order_relaxed); }
-
 private:
-    struct Place {
-        std::byte* begin;
-        std::size_t size;
-    };
     Record& Reserve(const Stamp& stamp, std::size_t size);
     std::byte* BeginNextChunk(std::byte* at);
     void Publish(Record& record) noexcept;
@@ -160,78 +170,75 @@ private:
 
     // Written by the owner. What it has no need to publish it derives from m_published.
     std::atomic<std::byte*> m_published{nullptr};
-    std::atomic<std::uint64_t> m_appended{0};
-    Chunk* m_first = nullptr;          // published by the first record
-    std::uint64_t m_appendedBefore{0}; // when the present chunk was begun
+    Chunk* m_first = nullptr; // published by the first record
 
     // Written by the delivery thread, and on another cache line.
     alignas(64) std::byte* m_read = nullptr;
-    std::uint64_t m_popped = 0;
 };
 
 inline Record& EventQueue::Reserve(const Stamp& stamp, std::size_t size) {
     // Relaxed: the thread's own.
     std::byte* at = m_published.load(std::memory_order_relaxed);
-    if (stamp.hasTicket) [[unlikely]]
-        size += sizeof stamp.order;
+    if (stamp.ticket != 0) [[unlikely]]
+        size += sizeof stamp.ticket;
     if (Chunk::RoomAt(at) < size) [[unlikely]]
         at = BeginNextChunk(at);
     Record& record = *Record::At(at);
     record.size = size & 0x7FFF; // at most that of a chunk
-    record.hasTicket = stamp.hasTicket ? 1 : 0;
+    record.hasTicket = 0;
     record.ticks = stamp.ticks;
     record.wall = stamp.wall;
-    if (stamp.hasTicket) [[unlikely]]
-        std::memcpy(at + size - sizeof stamp.order, &stamp.order, sizeof stamp.order);
+    if (stamp.ticket != 0) [[unlikely]] {
+        record.hasTicket = 1;
+        std::memcpy(at + size - sizeof stamp.ticket, &stamp.ticket, sizeof stamp.ticket);
+    }
     return record;
 }
 
 inline void EventQueue::Publish(Record& record) noexcept {
-    // Relaxed: the owner is the only one to write it.
-    m_appended.store(m_appended.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     // Release: invariant 1.
     m_published.store(reinterpret_cast<std::byte*>(&record) + record.size,
                       std::memory_order_release);
 }
 
+/// What an argument takes behind the record.
+inline std::size_t TailOf(const Argument& argument) noexcept {
+    if (argument.form == Argument::Form::Characters)
+        return (argument.length + 7) & ~std::size_t{7};
+    return argument.form == Argument::Form::Value ? sizeof(MetricsValue) : 0;
+}
+
+/// Puts an argument into its slot, and what does not fit there to `tail`. @return its end.
+[[gnu::always_inline]] inline std::byte* PutArgument(const Argument& argument, Record::Form& form,
+                                                     Record::Slot& slot, std::byte* tail) noexcept {
+    if (argument.form == Argument::Form::Characters) {
+        form = Record::Form::Characters;
+        slot.length = argument.length;
+        CopyCharacters(tail, argument.characters, argument.length);
+    } else if (argument.form == Argument::Form::Value) {
+        form = Record::Form::Value;
+        ::new (tail) MetricsValue(std::move(*argument.value));
+        Chunk::Of(tail)->MarkObjects();
+    } else {
+        form = static_cast<Record::Form>(argument.form);
+        slot.integer = argument.integer; // all eight bytes, whichever number it is
+        return tail;
+    }
+    return tail + TailOf(argument);
+}
+
 inline void EventQueue::Append(const Stamp& stamp, const EventHead& head, const Argument& first,
                                const Argument& second) {
-    constexpr auto tailOf = [](const Argument& argument) -> std::size_t {
-        switch (argument.form) {
-        case Argument::Form::Characters:
-            return (argument.length + 7) & ~std::size_t{7};
-        case Argument::Form::Value:
-            return sizeof(MetricsValue);
-        default:
-            return 0;
-        }
-    };
-    Record& record = Reserve(stamp, sizeof(Record) + tailOf(first) + tailOf(second));
+    const bool areNumbers =
+        first.form < Argument::Form::Characters && second.form < Argument::Form::Characters;
+    Record& record =
+        Reserve(stamp, sizeof(Record) + (areNumbers ? 0 : TailOf(first) + TailOf(second)));
     record.type = static_cast<std::int32_t>(head.type);
     record.sourceId = head.sourceId;
     record.contextId = head.contextId;
     record.bits = head.bits;
-    std::byte* tail = record.Tail();
-    const auto put = [&tail](const Argument& argument, Record::Slot& slot) {
-        switch (argument.form) {
-        case Argument::Form::Characters:
-            slot.length = argument.length;
-            if (argument.length != 0) // null is empty, too
-                std::memcpy(tail, argument.characters, argument.length);
-            tail += (argument.length + 7) & ~std::size_t{7};
-            return Record::Form::Characters;
-        case Argument::Form::Value:
-            ::new (tail) MetricsValue(std::move(*argument.value));
-            Chunk::Of(tail)->MarkObjects();
-            tail += sizeof(MetricsValue);
-            return Record::Form::Value;
-        default:
-            slot.integer = argument.integer; // all eight bytes, whichever number it is
-            return static_cast<Record::Form>(argument.form);
-        }
-    };
-    record.first = put(first, record.slots[0]);
-    record.second = put(second, record.slots[1]);
+    std::byte* const tail = PutArgument(first, record.first, record.slots[0], record.Tail());
+    PutArgument(second, record.second, record.slots[1], tail);
     Publish(record);
 }
 

@@ -12,6 +12,7 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <new>
 #include <thread>
@@ -129,13 +130,17 @@ bool Lifecycle::EndUntil(steady_clock::time_point& deadline) noexcept {
     }
     bool hasEnded = false;
     if (delivery == nullptr) {
+        const bool wasEnabled = Accepts(); // and the thread could not be started
         m_phase = Phase::Off;
         SwitchMaskOff();
+        if (wasEnabled)
+            s_consumers.ReleaseAll(deadline);
     } else {
         // 1. The synchronous consumers are told. The time that they take comes on top.
         const auto start = steady_clock::now();
         ShowShutdown();
         deadline += steady_clock::now() - start;
+        m_deadline = deadline;
         if (IsForkedChild()) // one of them has forked, and this is the child
             return false;
         // 2. The end is stamped; 3. and behind it nothing is let in. So what is refused was emitted
@@ -162,6 +167,7 @@ bool Lifecycle::Disable() noexcept {
     if (!ClaimEnd())
         return false;
     auto deadline = steady_clock::now() + stopWait;
+    m_deadline = deadline;
     return EndUntil(deadline);
 }
 
@@ -172,10 +178,11 @@ void Lifecycle::ShutDown() noexcept {
         return;
     auto deadline = steady_clock::now() + stopWait;
     if (ClaimEnd()) {
+        m_deadline = deadline;
         EndUntil(deadline);
     } else {
         // Another thread is at it; what is queued must not be lost for that.
-        while (m_end != End::Done && steady_clock::now() < deadline)
+        while (m_end != End::Done && steady_clock::now() < std::max(deadline, m_deadline.load()))
             std::this_thread::sleep_for(pollStep);
     }
     SwitchMaskOff(); // also when the delivery thread can't do it
@@ -210,8 +217,11 @@ void Lifecycle::ExitOrUnload() noexcept {
 // fork(2) --------------------------------------------------------------------------------------
 
 void Lifecycle::NoticeFork() noexcept {
-    const int process = m_process.load(std::memory_order_relaxed);
-    if (process != 0 && process != getpid()) [[unlikely]]
+    int process = m_process.load(std::memory_order_relaxed);
+    const int own = getpid();
+    // Exchanged, so that of two threads of the child one goes on.
+    if (process != 0 && process != own && m_process.compare_exchange_strong(process, own))
+        [[unlikely]]
         ContinueInChild();
 }
 

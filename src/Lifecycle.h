@@ -38,7 +38,10 @@ public:
 
     // Relaxed: a call that races with a change may go either way, and what it uses is never freed
     // under it.
-    bool Accepts() const noexcept { return Now() == Phase::Enabled; }
+    // Acquire: what was measured of the clocks before.
+    bool Accepts() const noexcept {
+        return m_phase.load(std::memory_order_acquire) == Phase::Enabled;
+    }
     bool IsOff() const noexcept { return Now() >= Phase::Off; }
     bool IsForkedChild() const noexcept { return Now() == Phase::Forked; }
     /// The process id.
@@ -86,7 +89,8 @@ private:
     alignas(64) std::atomic<Phase> m_phase{Phase::Idle};
     std::atomic<bool> m_isMade{false}; // somebody has asked for the manager
 
-    alignas(64) std::atomic<End> m_end{End::NotBegun}; // who switches it off
+    alignas(64) std::atomic<End> m_end{End::NotBegun};               // who switches it off
+    std::atomic<std::chrono::steady_clock::time_point> m_deadline{}; // of the end that has begun
     std::atomic<bool> m_isStuck{false};     // a thread goes on in our code: nothing is freed
     std::atomic<bool> m_isExiting{false};   // the process exits, and other threads may go on
     std::atomic<bool> m_isUnloading{false}; // or it exits, when m_isExiting was set before

@@ -75,7 +75,7 @@ void Context::Open() {
     AttachToThread();
     m_isOpen = true;
     // While nothing is recorded the first use is still to come.
-    if (!m_state->isNamed || !detail::s_life.Accepts() || !detail::PassesLiveMask(0))
+    if (!State()->isNamed || !detail::s_life.Accepts() || !detail::PassesLiveMask(0))
         return;
     try {
         OpenScope();
@@ -90,28 +90,40 @@ Context::~Context() {
     } catch (...) {
         // A destructor has nobody to tell; the event is lost.
     }
-    if (m_state == nullptr)
+    if (State() == nullptr)
         return;
     // Release: whoever has seen the context has done so before.
-    m_state->context.store(nullptr, std::memory_order_release);
-    m_state->RemoveReference();
+    State()->context.store(nullptr, std::memory_order_release);
+    State()->RemoveReference();
 }
 
 void Context::TakeState(ContextState& state) noexcept {
-    m_state = &state;
     state.context.store(this, std::memory_order_release);
+    m_state.store(&state, std::memory_order_release);
 }
 
-void Context::NeedState() {
-    if (m_state == nullptr)
-        TakeState(*new ContextState(m_parentId, m_id, {}));
+ContextState& Context::NeedState() {
+    ContextState* state = m_state.load(std::memory_order_acquire);
+    if (state != nullptr)
+        return *state;
+    auto* const made = new ContextState(m_parentId, m_id, {});
+    made->context.store(this, std::memory_order_release);
+    // Of two threads that attach a disabled context one makes its state.
+    if (m_state.compare_exchange_strong(state, made, std::memory_order_acq_rel))
+        return *made;
+    made->RemoveReference();
+    return *state;
+}
+
+ContextState* Context::State() const noexcept {
+    return m_state.load(std::memory_order_acquire);
 }
 
 void Context::SetName(char const* name) {
     // Once the scope has been opened the name is its label, which others may read.
-    if (name != nullptr && m_state != nullptr &&
-        m_state->ownScope.load(std::memory_order_relaxed) == ContextState::OwnScope::New)
-        m_state->name = name;
+    if (name != nullptr && State() != nullptr &&
+        State()->ownScope.load(std::memory_order_relaxed) == ContextState::OwnScope::New)
+        State()->name = name;
 }
 
 void Context::AttachToThread() {
@@ -134,20 +146,20 @@ void Context::AddAttribute(std::string const& name, std::string const& value) {
 
 void Context::OpenScope() {
     if (m_isOpen)
-        m_state->OpenOwnScope();
+        State()->OpenOwnScope();
     m_isUsed = true;
 }
 
 bool Context::PrepareEmit() {
     if (!m_isUsed) [[unlikely]]
         OpenScope();
-    return m_isOpen && m_state->HasOpenScope();
+    return m_isOpen && State()->HasOpenScope();
 }
 
 void Context::EmitArguments(const Argument& first, const Argument& second) {
     if (PrepareEmit())
         detail::Emit(
-            {MetricsEventType::Custom, m_state->OwnScopeId(), m_state->ownScopeContextId, 0}, first,
+            {MetricsEventType::Custom, State()->OwnScopeId(), State()->ownScopeContextId, 0}, first,
             second);
 }
 
@@ -164,7 +176,7 @@ void Context::Close() {
                 failure = std::current_exception();
         }
     };
-    attempt([this] { m_state->CloseOwnScope(); });
+    attempt([this] { State()->CloseOwnScope(); });
     DetachFromThread();
     attempt([this] { EmitLifeCycleEvent(MetricsEventType::ContextClosed, m_parentId, m_id); });
     if (failure != nullptr)
@@ -177,9 +189,11 @@ ContextGuard::ContextGuard(Context* context) : m_stack(nullptr) {
     if (context == nullptr || detail::IsOff())
         return;
     MetricsThreadContext& stack = detail::s_threads.CurrentContext();
+    // What may fail comes first.
     stack.Reserve(2);
+    context->NeedState();
     stack.m_entries[stack.m_size++] = detail::Placeholder(this);
-    stack.Push(context->IsEnabled() ? context : nullptr);
+    stack.AttachContext(context);
     detail::t_thread.record->PublishContext();
     m_stack = &stack;
 }

@@ -64,18 +64,33 @@ bool TestBits(std::uint64_t eventBits) noexcept {
     return detail::PassesLiveMask(eventBits);
 }
 
+namespace {
+
+/// @return the mask as it was before; 0 when the library is off.
+template <class Change>
+std::uint64_t ChangeMask(Change change) noexcept {
+    if (IsOff())
+        return 0;
+    std::atomic<std::uint64_t>& mask = detail::s_liveMask.m_bits;
+    const std::uint64_t before = change(mask);
+    if (IsOff()) // meanwhile: the mask stays empty from then on
+        mask.store(0, std::memory_order_relaxed);
+    return before;
+}
+
+} // namespace
+
 std::uint64_t MetricsManager::SetBits(std::uint64_t bits) noexcept {
-    return IsOff() ? 0 : detail::s_liveMask.m_bits.fetch_or(bits, std::memory_order_relaxed);
+    return ChangeMask(
+        [bits](auto& mask) { return mask.fetch_or(bits, std::memory_order_relaxed); });
 }
 
 void MetricsManager::SetBitsAbsolute(std::uint64_t bits) noexcept {
-    if (!IsOff())
-        detail::s_liveMask.m_bits.store(bits, std::memory_order_relaxed);
+    ChangeMask([bits](auto& mask) { return mask.exchange(bits, std::memory_order_relaxed); });
 }
 
 void MetricsManager::ClearBits(std::uint64_t bits) noexcept {
-    if (!IsOff())
-        detail::s_liveMask.m_bits.fetch_and(~bits, std::memory_order_relaxed);
+    ChangeMask([bits](auto& mask) { return mask.fetch_and(~bits, std::memory_order_relaxed); });
 }
 
 // Consumers ------------------------------------------------------------------------------------

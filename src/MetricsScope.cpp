@@ -3,7 +3,6 @@
 
 #include <metrics/MetricsScope.h>
 
-#include <cstring>
 #include <new>
 #include <utility>
 
@@ -12,48 +11,50 @@ namespace Metrics {
 using detail::Argument;
 using detail::ContextState;
 
-std::uint64_t detail::PassGate(std::uint64_t bits) noexcept {
-    if (!PassesLiveMask(bits))
-        return 0;
-    const ContextState* const current = CurrentContextState();
-    return current == nullptr ? 0 : current->id;
-}
-
 bool TestBitsAndContext(std::uint64_t bits) noexcept {
-    return detail::PassGate(bits) != 0;
+    if (!detail::PassesLiveMask(bits))
+        return false;
+    const ContextState* const current = detail::CurrentContextState();
+    return current != nullptr && current->id != 0;
 }
 
-void detail::EmitAttribute(std::uint64_t contextId, const Argument& name, const Argument& value,
-                           std::uint64_t bits) {
-    Emit({MetricsEventType::Attribute, 0, contextId, bits}, name, value);
+void detail::EmitAttribute(const Argument& name, const Argument& value, std::uint64_t bits) {
+    const ContextState* const current = CurrentContextState();
+    if (current != nullptr && current->id != 0)
+        Emit({MetricsEventType::Attribute, 0, current->id, bits}, name, value);
 }
 
 void AttributeImpl(MetricsValue&& name, MetricsValue&& value, std::uint64_t bits) {
     const ContextState* const current = detail::CurrentContextState();
-    detail::EmitAttribute(current == nullptr ? 0 : current->id, Argument(std::move(name)),
-                          Argument(std::move(value)), bits);
+    detail::Emit({MetricsEventType::Attribute, 0, current == nullptr ? 0 : current->id, bits},
+                 Argument(std::move(name)), Argument(std::move(value)));
 }
 
 void Scope::OpenImpl(MetricsValue&& label, std::uint64_t /*bits*/) {
-    OpenArgument(Argument(std::move(label)));
+    // None: the library was switched off since the gate.
+    if (ContextState* const current = detail::CurrentContextState())
+        OpenIn(*current, Argument(std::move(label)));
 }
 
 void Scope::OpenArgument(const Argument& label) {
     ContextState* const current = detail::CurrentContextState();
-    if (current == nullptr) // the library was switched off since the gate
-        return;
-    current->OpenOwnScope();
+    if (current != nullptr && current->id != 0)
+        OpenIn(*current, label);
+}
+
+void Scope::OpenIn(ContextState& context, const Argument& label) {
+    const std::uint64_t contextId = context.id; // the context may go in any of the calls below
+    context.OpenOwnScope();
 
     // The label is kept when the event has been taken: until then the scope is as it was.
     const detail::EventHead head{MetricsEventType::ScopeOpened,
-                                 reinterpret_cast<std::uintptr_t>(this), current->id, m_bits};
+                                 reinterpret_cast<std::uintptr_t>(this), contextId, m_bits};
     if (label.form == Argument::Form::Characters && label.length <= keptCharacters) {
         detail::Emit(head, label, Argument());
         ReleaseLabel();
         m_labelForm = Label::Characters;
         m_labelSize = static_cast<unsigned char>(label.length);
-        if (label.length != 0)
-            std::memcpy(m_characters, label.characters, label.length);
+        detail::CopyCharacters(m_characters, label.characters, label.length);
     } else {
         MetricsValue kept = detail::ToValue(label);
         detail::Emit(head, Argument(MetricsValue(kept)), Argument());
@@ -61,7 +62,7 @@ void Scope::OpenArgument(const Argument& label) {
         ::new (&m_label) MetricsValue(std::move(kept));
         m_labelForm = Label::Value;
     }
-    m_contextId = current->id;
+    m_contextId = contextId;
     m_state = State::Open;
 }
 

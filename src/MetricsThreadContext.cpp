@@ -29,13 +29,6 @@ void MetricsThreadContext::Reserve(std::uint32_t more) {
     m_capacity = capacity;
 }
 
-void MetricsThreadContext::Push(Context* context) noexcept {
-    ContextState* const state = context == nullptr ? nullptr : context->m_state;
-    if (state != nullptr)
-        state->AddReference();
-    m_entries[m_size++] = state != nullptr ? state : Placeholder(nullptr);
-}
-
 void MetricsThreadContext::ShrinkTo(std::uint32_t size) noexcept {
     while (m_size > size)
         if (ContextState* const entry = m_entries[--m_size]; IsContext(entry))
@@ -44,20 +37,22 @@ void MetricsThreadContext::ShrinkTo(std::uint32_t size) noexcept {
 
 void MetricsThreadContext::AttachContext(Context* context) {
     Reserve(1);
-    if (context != nullptr)
-        context->NeedState();
-    Push(context);
+    ContextState* const state = context == nullptr ? nullptr : &context->NeedState();
+    if (state != nullptr)
+        state->AddReference();
+    m_entries[m_size++] = state != nullptr ? state : Placeholder(nullptr);
 }
 
 void MetricsThreadContext::DetachContext(Context* context) noexcept {
-    if (context != nullptr && context->m_state == nullptr)
+    const bool isNull = context == nullptr;
+    ContextState* const state = isNull ? Placeholder(nullptr) : context->State();
+    if (state == nullptr)
         return; // was never attached anywhere
-    ContextState* const state = context == nullptr ? Placeholder(nullptr) : context->m_state;
     std::uint32_t kept = 0;
     for (std::uint32_t i = 0; i < m_size; ++i) {
         if (m_entries[i] != state)
             m_entries[kept++] = m_entries[i];
-        else if (context != nullptr)
+        else if (!isNull)
             state->RemoveReference();
     }
     m_size = kept;

@@ -1,8 +1,11 @@
 #ifndef METRICS_SRC_SECTION_H
 #define METRICS_SRC_SECTION_H
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <thread>
 
 namespace Metrics::detail {
 
@@ -46,6 +49,20 @@ public:
 private:
     std::atomic<std::uint32_t> m_count{0};
 };
+
+/// Looks again and again until something has happened that nobody signals: often at first, and then
+/// less and less. @return false when it had not by the deadline.
+template <class HasHappened>
+bool PollUntil(std::chrono::steady_clock::time_point deadline, HasHappened hasHappened) {
+    std::chrono::microseconds pause{50};
+    while (!hasHappened()) {
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(pause);
+        pause = std::min(2 * pause, std::chrono::microseconds(10'000));
+    }
+    return true;
+}
 
 /// Enters a section for the length of a block; nested blocks cost a load.
 class SectionGuard {

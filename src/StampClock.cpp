@@ -36,10 +36,9 @@ std::uint64_t StampClock::ReadWall(WallOffset& known) noexcept {
 }
 
 void StampClock::DrawTicket(Stamp& stamp) noexcept {
-    stamp.hasTicket = true;
     // Acquire and release: whoever draws a later one, and whoever reads the number in Now, sees
     // what was published before this one was drawn.
-    stamp.order = m_tickets.fetch_add(1, std::memory_order_acq_rel) + 1;
+    stamp.ticket = m_tickets.fetch_add(1, std::memory_order_acq_rel) + 1;
 }
 
 std::uint64_t StampClock::Now() noexcept {

@@ -9,10 +9,9 @@ namespace Metrics::detail {
 
 /// When an event was accepted.
 struct Stamp {
-    std::uint64_t ticks; // steady clock, ns; UpTimeAt makes the up-time of it
-    std::uint64_t wall;  // wall clock since 1970, ns; see CurrentUnixTime
-    std::uint64_t order; // by what events of different threads are put in order
-    bool hasTicket;      // whether that is a number of its own and not the ticks
+    std::uint64_t ticks;  // steady clock, ns; UpTimeAt makes the up-time of it
+    std::uint64_t wall;   // wall clock since 1970, ns; see CurrentUnixTime
+    std::uint64_t ticket; // by what events of different threads are put in order; 0: by the ticks
 };
 
 /// What turns the steady clock into the wall clock: nanoseconds to be added. One for each thread,
@@ -45,8 +44,8 @@ public:
     /// system call where the kernel offers the clocks without one (vdso(7)).
     Stamp Take(WallOffset& known) noexcept {
         Stamp stamp; // NOLINT(cppcoreguidelines-pro-type-member-init): all of it is set below
-        stamp.order = stamp.ticks = Ticks();
-        stamp.hasTicket = false;
+        stamp.ticks = Ticks();
+        stamp.ticket = 0;
         const std::uint64_t difference = Read(CLOCK_REALTIME_COARSE) - Read(CLOCK_MONOTONIC_COARSE);
         if (difference == known) [[likely]]
             stamp.wall = stamp.ticks + difference;

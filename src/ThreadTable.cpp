@@ -5,26 +5,24 @@
 #include <csignal>
 #include <new>
 #include <sys/syscall.h>
-#include <thread>
 #include <unistd.h>
 
 namespace Metrics::detail {
 
-constinit __thread ThreadState t_thread{nullptr, nullptr, nullptr, false};
+constinit __thread ThreadState t_thread{nullptr, nullptr, nullptr, 0, false};
 constinit ThreadTable s_threads;
 
 namespace {
 
-constexpr std::chrono::microseconds pollStep{50};
 constexpr std::size_t fewThreads = 16; // so many new ones are always worth a sweep
 
 } // namespace
 
-bool ThreadTable::HasEnded(const ThreadRecord& record) noexcept {
+bool ThreadTable::HasEnded(const ThreadRecord& record, pid_t process) noexcept {
     const pid_t owner = record.owner.load(std::memory_order_relaxed);
     // Signal 0 asks without sending, see tgkill(2). Any other answer counts as alive: then the
     // record is only kept longer.
-    return syscall(SYS_tgkill, getpid(), owner, 0) != 0 && errno == ESRCH;
+    return syscall(SYS_tgkill, process, owner, 0) != 0 && errno == ESRCH;
 }
 
 void ThreadTable::Sweep() noexcept {
@@ -32,15 +30,18 @@ void ThreadTable::Sweep() noexcept {
     const std::size_t isNew = registered - m_swept.load(std::memory_order_relaxed);
     if (isNew < std::max(fewThreads, Size() / 4) || !m_freeLock.TryLock())
         return;
-    m_swept.store(registered, std::memory_order_relaxed);
     const int error = errno;
+    const pid_t process = getpid();
+    bool isComplete = true;
     for (ThreadRecord* record = First(); record != nullptr; record = record->next) {
-        if (record->owner.load(std::memory_order_relaxed) == 0 || !HasEnded(*record))
+        if (record->owner.load(std::memory_order_relaxed) == 0 || !HasEnded(*record, process))
             continue;
         // Only now that nothing more can come. Where there is no delivery nothing was ever queued.
         if (t_thread.isDeliveryThread ? !record->queue.IsEmpty()
-                                      : record->queue.Published() != nullptr)
+                                      : record->queue.Published() != nullptr) {
+            isComplete = false;
             continue;
+        }
         // Acquire: pairs with PublishContext. The contexts that were left attached are nobody's.
         static_cast<void>(record->contextVersion.load(std::memory_order_acquire));
         record->context.reset();
@@ -50,6 +51,8 @@ void ThreadTable::Sweep() noexcept {
         record->nextFree = std::exchange(m_free, record);
         m_size.fetch_sub(1, std::memory_order_relaxed);
     }
+    if (isComplete)
+        m_swept.store(registered, std::memory_order_relaxed);
     errno = error;
     m_freeLock.Unlock();
 }
@@ -100,20 +103,22 @@ bool ThreadTable::WaitForCalls(std::chrono::steady_clock::time_point deadline) c
         const std::uint32_t seen = r->calls.Read();
         if (!Section::IsInside(seen) || r == t_thread.record)
             continue;
-        // A call that began later finds what was changed before.
-        for (int looks = 1; r->calls.Read() == seen; ++looks) {
-            if (std::chrono::steady_clock::now() >= deadline)
-                return false;
-            if (looks % 64 == 0 && HasEnded(*r)) // killed inside of the call
-                break;
-            std::this_thread::sleep_for(pollStep);
-        }
+        // A call that began later finds what was changed before. A thread may have ended in one.
+        int looks = 0;
+        if (!PollUntil(deadline, [r, seen, &looks] {
+                return r->calls.Read() != seen || (++looks % 16 == 0 && HasEnded(*r, getpid()));
+            }))
+            return false;
     }
     return true;
 }
 
 void ThreadTable::AdoptInChild() noexcept {
-    ::new (&m_freeLock) korsys::Mutex; // another thread may have held it
+    // Another thread may have held the lock, in the middle of a change.
+    ::new (&m_freeLock) korsys::Mutex;
+    m_freeLock.Lock();
+    m_free = nullptr;
+    m_freeLock.Unlock();
     if (ThreadRecord* const record = t_thread.record)
         record->owner.store(static_cast<pid_t>(syscall(SYS_gettid)), std::memory_order_relaxed);
 }
@@ -123,7 +128,7 @@ void ThreadTable::FreeRecords() noexcept {
     while (record != nullptr) {
         ThreadRecord* const next = record->next;
         const pid_t owner = record->owner.load(std::memory_order_relaxed);
-        if (record == t_thread.record || owner == 0 || HasEnded(*record)) {
+        if (record == t_thread.record || owner == 0 || HasEnded(*record, getpid())) {
             record->queue.Discard(record->queue.Published());
             delete record;
         } else {

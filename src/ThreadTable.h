@@ -30,7 +30,6 @@ struct alignas(64) ThreadRecord {
     // Written by the owning thread.
     Section calls; // it is calling synchronous consumers
     std::atomic<std::uint32_t> contextVersion{0};
-    WallOffset wallOffset = 0;
     std::shared_ptr<MetricsThreadContext> context;
 
     /// Release: the stack of contexts, for whoever takes the record over when the thread has ended.
@@ -61,14 +60,15 @@ struct ThreadState {
     ThreadRecord* record;
     MetricsThreadContext* context; // that of the record, once it exists
     const DeliveryFrame* delivery; // null outside of consumer calls
+    WallOffset wallOffset;
     bool isDeliveryThread;
 };
 
 // Initial-exec: one instruction to reach it, also in a library that was loaded at run time. It
-// takes 32 bytes of the loader's reserve for such variables.
+// takes 40 bytes of the loader's reserve for such variables.
 extern __thread ThreadState t_thread __attribute__((tls_model("initial-exec")));
 
-static_assert(sizeof(ThreadState) == 32);
+static_assert(sizeof(ThreadState) == 40);
 
 /// All threads that have used the library. A record is never freed while its thread may still write
 /// to it. Those of threads that have ended are found by Sweep, and given to new threads.
@@ -126,7 +126,7 @@ private:
     ThreadRecord& Register();
     MetricsThreadContext& MakeContext();
     ThreadRecord* TakeFree() noexcept;
-    static bool HasEnded(const ThreadRecord& record) noexcept;
+    static bool HasEnded(const ThreadRecord& record, pid_t process) noexcept;
 
     std::atomic<ThreadRecord*> m_first{nullptr}; // records are only ever added
     std::atomic<std::size_t> m_size{0};          // records in use

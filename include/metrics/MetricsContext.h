@@ -200,6 +200,7 @@ public:
 private:
     friend class MetricsThreadContext;
     friend class Scope;
+    friend class ContextGuard;
     friend class UniqueMetricsContext;
 
     explicit Context(detail::ContextState& state);
@@ -219,11 +220,13 @@ private:
     void EmitArguments(const detail::Argument& first, const detail::Argument& second);
     void Open();
     void TakeState(detail::ContextState& state) noexcept;
-    void NeedState();
+    detail::ContextState& NeedState();
+    detail::ContextState* State() const noexcept;
 
     std::uint64_t m_id;
     std::uint64_t m_parentId;
-    detail::ContextState* m_state = nullptr; // null for a disabled context that nobody has attached
+    // Null for a disabled context that nobody has attached; any thread may, hence atomic.
+    std::atomic<detail::ContextState*> m_state{nullptr};
     bool m_isOpen = false;
     bool m_isUsed = false; // OpenScope need not be called
 };
@@ -250,7 +253,7 @@ private:
 class METRICS_EXPORT ContextGuard {
 public:
     /// Makes the context current, which must not be destroyed before the constructor returns. With
-    /// a disabled one there is no current context in the block.
+    /// a disabled one nothing is recorded in the block.
     ///
     /// Cost: an atomic addition and a few stores; takes no lock; allocates when the stack grows
     /// deeper than ever before, and on a thread's first context.

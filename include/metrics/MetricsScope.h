@@ -13,6 +13,10 @@
 
 namespace Metrics {
 
+namespace detail {
+struct ContextState;
+}
+
 /// The gate of every scope and attribute: the bits pass the manager's mask, and the calling thread
 /// has an enabled current context.
 ///
@@ -110,7 +114,8 @@ private:
     // Kept out of the constructor, which is inlined wherever a scope is made.
     template <class Label>
     [[gnu::noinline]] void OpenGated(Label&& label) {
-        if (TestBitsAndContext(m_bits))
+        // What must be made into a value first is not, while the gate is shut.
+        if (detail::isPlainArgument<detail::Bare<Label>> || TestBitsAndContext(m_bits))
             OpenArgument(detail::Argument(detail::AsArgument(std::forward<Label>(label))));
     }
     template <class First, class Second>
@@ -120,6 +125,7 @@ private:
                       detail::Argument(detail::AsArgument(std::forward<Second>(second))));
     }
     void OpenArgument(const detail::Argument& label);
+    void OpenIn(detail::ContextState& context, const detail::Argument& label);
     void EmitArguments(MetricsEventType type, const detail::Argument& first,
                        const detail::Argument& second) const;
     void ReleaseLabel() noexcept;
@@ -150,17 +156,16 @@ METRICS_EXPORT void AttributeImpl(MetricsValue&& name, MetricsValue&& value, std
 
 namespace detail {
 
-/// The id of the calling thread's current context; 0 when there is none, or the mask lets `bits`
-/// not through.
-METRICS_EXPORT std::uint64_t PassGate(std::uint64_t bits) noexcept;
-METRICS_EXPORT void EmitAttribute(std::uint64_t contextId, const Argument& name,
-                                  const Argument& value, std::uint64_t bits);
+/// The attribute's event, when the thread has an enabled current context.
+METRICS_EXPORT void EmitAttribute(const Argument& name, const Argument& value, std::uint64_t bits);
 
 // Kept out of Attribute, which is inlined wherever it is called.
 template <class Name, class Value>
 [[gnu::noinline]] void AttributeGated(Name&& name, Value&& value, std::uint64_t bits) {
-    if (const std::uint64_t contextId = PassGate(bits); contextId != 0)
-        EmitAttribute(contextId, Argument(AsArgument(std::forward<Name>(name))),
+    // What must be made into a value first is not, while the gate is shut.
+    constexpr bool isPlain = isPlainArgument<Bare<Name>> && isPlainArgument<Bare<Value>>;
+    if (isPlain || TestBitsAndContext(bits))
+        EmitAttribute(Argument(AsArgument(std::forward<Name>(name))),
                       Argument(AsArgument(std::forward<Value>(value))), bits);
 }
 

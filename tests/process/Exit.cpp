@@ -85,19 +85,27 @@ void GetBusy() {
     VERIFY(Poll([] { return s_inside >= 8; }));
 }
 
-/// One thread emits and is held wherever it is, until all has ended.
+/// One thread emits and is held wherever it is, until all has ended. It does not run ahead of the
+/// delivery, and so allocates nothing: an allocator's locks would be held with it.
 void HoldAnEmitter() {
+    static std::atomic<unsigned> delivered{0};
     std::signal(SIGUSR1, [](int) {
         s_isHeld = true;
         while (!s_goesOn)
             usleep(100);
     });
     Start();
+    Consume(false, [](const MetricsEvent&) { ++delivered; });
     std::thread emitter([] {
-        for (;; ++s_rounds[0])
+        for (;; ++s_rounds[0]) {
+            while (!s_goesOn && s_rounds[0] - delivered > 3000)
+                std::this_thread::yield();
             AttributeImpl(1, 2, 0);
+        }
     });
-    VERIFY(Poll([] { return s_rounds[0] > 1000; }));
+    VERIFY(Poll([] { return s_rounds[0] > 20000; }));
+    const unsigned before = s_rounds[0];
+    while (s_rounds[0] == before) {} // it is under way
     pthread_kill(emitter.native_handle(), SIGUSR1);
     emitter.detach();
     VERIFY(Poll([] { return s_isHeld.load(); }));
@@ -169,7 +177,7 @@ int main(int argc, char** argv) {
                     {{"ReturnFromMain", GetBusy, 30, 60},
                      {"ExitOnAThread", exitOnAThread, 30, 60},
                      {"Shutdown", shutDownWhileBusy, 30, 60},
-                     {"WhileAnEmitterIsHeld", HoldAnEmitter, 30, 20},
+                     {"WhileAnEmitterIsHeld", HoldAnEmitter, 30, 30},
                      {"SynchronousAndStuck", [] { GetStuck(true, false); }, 30, 5},
                      {"AsynchronousAndStuck", [] { GetStuck(false, false); }, 30, 5},
                      {"SynchronousStuckAndRemoved", [] { GetStuck(true, true); }, 30, 3},

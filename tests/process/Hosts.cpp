@@ -28,21 +28,20 @@ T& MakeShared() {
     return *new (memory) T;
 }
 
-/// Memory for one object, which reads as garbage once the object is destroyed.
-template <class T>
+/// A context whose memory reads as garbage once it is destroyed.
 class Remains {
 public:
-    template <class... Arguments>
-    explicit Remains(Arguments... arguments) : m_object(new (m_memory) T(arguments...)) {}
-    T* operator->() { return m_object; }
+    Remains(std::uint64_t parentId, std::uint64_t id)
+        : m_context(new (m_memory) Context(parentId, id)) {}
+    Context* operator->() { return m_context; }
     void Destroy() {
-        m_object->~T();
+        m_context->~Context();
         std::memset(m_memory, 0xAB, sizeof m_memory);
     }
 
 private:
-    alignas(T) unsigned char m_memory[sizeof(T)];
-    T* m_object;
+    alignas(Context) unsigned char m_memory[sizeof(Context)];
+    Context* m_context;
 };
 
 // The end ---------------------------------------------------------------------------------------
@@ -233,7 +232,7 @@ void DestroysAContextElsewhere() {
     const Session session;
     Context outermost(0, 1);
     outermost.OpenScope();
-    Remains<Context> context(1, 2);
+    Remains context(1, 2);
     context->OpenScope();
     std::thread([&] { context.Destroy(); }).join();
     Consume(true, [&ids](const MetricsEvent& event) { ids.push_back(event.contextId); });
@@ -276,7 +275,7 @@ void EmitsThroughAScopeThatOutlivesItsContext() {
     Context outer(0, 1);
     std::optional<Scope> scope;
     {
-        Remains<Context> inner(1, 2);
+        Remains inner(1, 2);
         outer.Emit("in the current one"); // opens the scope of the outer one in there
         scope.emplace("late", MetricsBits::act);
         inner.Destroy();
@@ -404,16 +403,20 @@ int main(int argc, char** argv) {
         {"ClosesWhileAConsumerIsStuck", ClosesWhileAConsumerIsStuck, 30},
         {"ClosesAPipeThatIsNotRead", ClosesAPipeThatIsNotRead, 30},
         {"ExitDuringAShutdown", ExitDuringAShutdown, 30},
-        {"MainEndsAlone", MainEndsAlone, 60},
         {"EmitsUnderAMutexThatAConsumerTakes", EmitsUnderAMutexThatAConsumerTakes, 30},
         {"DestroysAContextElsewhere", DestroysAContextElsewhere},
         {"ExitsOnAnotherThreadThanTheClients", ExitsOnAnotherThreadThanTheClients, 30, 20},
         {"EmitsThroughAScopeThatOutlivesItsContext", EmitsThroughAScopeThatOutlivesItsContext},
-        {"IsCancelledInsideOfClose", [=] { IsCancelledInside(close); }, 30},
-        {"IsCancelledInsideOfDisable", [=] { IsCancelledInside(disable); }, 30},
-        {"IsCancelledInsideOfTheShutdown", [=] { IsCancelledInside(shutDown); }, 30},
         {"EnablesFromARealTimeThread", EnablesFromARealTimeThread, 30},
         {"BuildsNothingWhileTheMaskIsZero", BuildsNothingWhileTheMaskIsZero}};
+    if (sanitizer.find("address") == std::string_view::npos) { // which a forced unwinding confuses
+        cases.push_back({"IsCancelledInsideOfClose", [=] { IsCancelledInside(close); }, 30});
+        cases.push_back({"IsCancelledInsideOfDisable", [=] { IsCancelledInside(disable); }, 30});
+        cases.push_back(
+            {"IsCancelledInsideOfTheShutdown", [=] { IsCancelledInside(shutDown); }, 30});
+    }
+    if (sanitizer != "thread") // whose runtime has a thread of its own
+        cases.push_back({"MainEndsAlone", MainEndsAlone, 60});
     if (sanitizer.empty()) // whose runtimes count on their handlers
         cases.push_back({"ForksWithoutHandlers", ForksWithoutHandlers, 30});
     return RunCases(argc, argv, cases);

@@ -1,0 +1,103 @@
+#!/usr/bin/env bash
+# command.sh METRICS: runs the command as people and scripts do, and looks at what it says.
+# shellcheck source=tests/support/expect.sh
+source "$(dirname "$0")/../support/expect.sh"
+
+metrics=$1
+
+escape=$'\033'
+no_colors() { [[ $said != *"$escape"* ]] || fail "colours: $said"; }
+
+header=timestamp,datetime,context_id,event_type,param1,param2
+cat >run.csv <<END
+$header
+100,1700000000.000000,0,2,0,1
+100,1700000000.000000,0,3,0,1
+1000,1700000000.000001,1,2,0,2
+2000,1700000000.000002,1,3,0,2
+2000,1700000000.000002,2,8,pid,7
+2000,1700000000.000002,2,8,tid,8
+2000,1700000000.000002,2,8,cid,2
+2000,1700000000.000002,2,5,get, <b>,0
+2500,1700000000.000002,2,8,user,$(printf 'caf\351\033[31m')
+2600,1700000000.000002,2,7,rows,5
+5000,1700000000.000005,2,6,get, <b>,0
+5000,1700000000.000005,1,4,0,2
+6000,1700000000.000006,0,4,0,1
+END
+
+expect 0 "$metrics" report run.csv
+says '1 run, 13 events in 5.90 us' '3.00 us  get, <b>' '-: too few samples'
+no_colors
+[[ $said != *metrics:* ]] || fail "a complaint: $said"
+expect 0 "$metrics" report run.csv --json
+says '"p50_ns": null' '"max_ns": 3000'
+known=$said
+expect 0 "$metrics" report - --json <run.csv
+[[ $said == "$known" ]] || fail "the standard input is read otherwise: $said"
+expect 0 "$metrics" report run.csv run.csv
+says '2 runs, 26 events' '8 of run.csv'
+
+expect 0 "$metrics" slow -n 1 run.csv --events
+says 'get, <b> #2  waited 1.00 us  thread 8' 'user = caf' 'at 600 ns: rows 5'
+no_colors
+expect 0 "$metrics" slow run.csv --json --events
+says '"wait_ns": 1000' '"start_ns": 2000' '"tid": 8' $'"value": "caf\357\277\275\\u001b[31m"'
+expect 0 "$metrics" slow --root 1 run.csv
+says '(never used) #1'
+expect 2 "$metrics" slow --root 99 run.csv
+says 'there is no context 99'
+
+expect 0 "$metrics" diff run.csv run.csv
+says 'Nothing changed that is more than noise.'
+expect 0 "$metrics" diff run.csv run.csv --json
+says '"changes": []'
+
+expect 0 "$metrics" check run.csv
+says 'All is well.'
+{ head -n 10 run.csv; echo nonsense; printf '7000,'; } >damaged.csv
+expect 1 "$metrics" check damaged.csv --json
+says '"open_at_end": [' '"scope": "get, <b>"' $'"unreadable_lines": [\n    11\n  ]' '"truncated": true'
+says 'damaged.csv:11: not an event'
+expect 0 "$metrics" report damaged.csv
+says '9 events'
+
+# What cannot be used.
+echo 'some text' >other.txt
+expect 2 "$metrics" report other.txt
+says 'other.txt:1: not a file of events'
+expect 2 "$metrics" report missing.csv run.csv
+says 'missing.csv: No such file or directory'
+says '1 run, 13 events'
+expect 2 "$metrics" diff run.csv missing.csv
+expect 2 "$metrics"
+expect 2 "$metrics" report
+expect 2 "$metrics" report --nonsense run.csv
+expect 2 "$metrics" top missing.csv
+expect 2 sh -c "'$metrics' report run.csv >/dev/full"
+expect 0 "$metrics" --help
+says report slow diff check top
+expect 0 sh -c "'$metrics' report run.csv | head -n 1" # which may end early
+
+expect 0 "$metrics" top -n 2 -d 0.01 run.csv
+says 'events/s' '0 in flight'
+no_colors
+expect 0 "$metrics" top -n 2 -d 0.01 run.csv --json
+says '{"interval_ns":5900,"events":13,' '{"interval_ns":0,"events":0,'
+
+# On a terminal there are colours, unless nobody wants them; top has a screen of its own, which it
+# leaves as it ends, by a signal as well.
+if command -v script >/dev/null; then
+    export TERM=xterm
+    unset NO_COLOR
+    on_terminal() { expect "$1" script -qec "stty rows 24 cols 90; $2" typescript </dev/null; }
+    on_terminal 0 "$metrics report run.csv"
+    says "${escape}[1m"
+    NO_COLOR=1 on_terminal 0 "$metrics report run.csv"
+    no_colors
+    for ending in "-n 2 -d 0.01" "-d 0.01 & sleep 0.2; kill -INT \$!; wait \$!"; do
+        on_terminal 0 "set -m; stty -a >before; $metrics top run.csv $ending; stty -a >after"
+        says "${escape}[?1049h" "${escape}[?25l" "${escape}[?25h${escape}[?1049l"
+        cmp before after || fail "the terminal is not as it was"
+    done
+fi

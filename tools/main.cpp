@@ -1,0 +1,295 @@
+// The command `metrics`: reads what was recorded, and answers questions about it.
+
+#include "Load.h"
+#include "Reader.h"
+#include "Terminal.h"
+#include "analysis/Check.h"
+#include "analysis/Diff.h"
+#include "analysis/Report.h"
+#include "analysis/Slow.h"
+#include "timeline/TimelinePage.h"
+#include "view/Views.h"
+
+#include <CLI/CLI.hpp>
+
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <iostream>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using namespace Metrics::tools;
+
+// The exit statuses, which docs/metrics-command.md tells.
+constexpr int allWell = 0;
+constexpr int notWell = 1; ///< `check` has found something
+constexpr int failed = 2;  ///< nothing could be read or written, or the arguments are wrong
+
+/// What the sub-commands have in common.
+struct Options {
+    std::vector<std::string> files;
+    std::string request;
+    bool asJson = false;
+    bool showAll = false;
+};
+
+/// Loads, and tells of problems as they come up.
+class Loader {
+public:
+    Model Load(const std::vector<std::string>& files) {
+        ProgressLine progress;
+        LoadObserver observer;
+        observer.problem = [&](const std::string& message) {
+            progress.Clear();
+            std::fprintf(stderr, "metrics: %s\n", message.c_str());
+        };
+        observer.progress = [&](const std::string& path, double share) {
+            progress.Show("reading " + path, share);
+        };
+        Model model = Metrics::tools::Load(files, observer);
+        m_isComplete = model.runs.size() == files.size();
+        return model;
+    }
+
+    /// Whether every file could be read, if only in part.
+    bool IsComplete() const { return m_isComplete; }
+
+private:
+    bool m_isComplete = true;
+};
+
+Style MakeStyle(const Options& options) {
+    Style style;
+    style.colors = UsesColors();
+    style.width = Columns();
+    if (options.showAll)
+        style.mostRows = 0;
+    return style;
+}
+
+void Write(const Json& json) {
+    std::cout << json.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+}
+
+/// Prints a result as the options want it.
+template <class Result>
+void Print(const Options& options, const Result& result, const Names& names) {
+    if (options.asJson)
+        Write(ToJson(result, names));
+    else
+        PrintText(std::cout, result, names, MakeStyle(options));
+}
+
+CLI::App* AddCommand(CLI::App& app, const char* name, const char* what, Options& options) {
+    CLI::App* const command = app.add_subcommand(name, what);
+    command->add_flag("--json", options.asJson, "Print JSON, for programs");
+    return command;
+}
+
+void AddRun(CLI::App* command, Options& options) {
+    command->add_option("RUN", options.files, "File of events; - is the standard input")
+        ->required()
+        ->expected(1);
+}
+
+void AddRequest(CLI::App* command, Options& options) {
+    command
+        ->add_option("--request", options.request,
+                     "Take the contexts of this name as requests, not the roots")
+        ->option_text("NAME");
+}
+
+void AddAll(CLI::App* command, Options& options) {
+    command->add_flag("--all", options.showAll, "Show every row");
+}
+
+int RunReport(const Options& options) {
+    Loader loader;
+    const Model model = loader.Load(options.files);
+    if (model.runs.empty())
+        return failed;
+    Print(options, MakeReport(model, options.request), model.names);
+    return loader.IsComplete() ? allWell : failed;
+}
+
+int RunSlow(const Options& options, std::size_t count, std::optional<std::uint64_t> root,
+            bool withEvents) {
+    Loader loader;
+    const Model model = loader.Load(options.files);
+    if (!loader.IsComplete())
+        return failed;
+    std::vector<ContextTree> trees;
+    if (root) {
+        std::optional<ContextTree> tree = FindTree(model, *root);
+        if (!tree) {
+            std::fprintf(stderr, "metrics: there is no context %llu\n",
+                         static_cast<unsigned long long>(*root));
+            return failed;
+        }
+        trees.push_back(std::move(*tree));
+    } else {
+        trees = FindSlow(model, count, options.request);
+    }
+    if (options.asJson) {
+        Write(ToJson(trees, model.names, withEvents));
+        return allWell;
+    }
+    Style style = MakeStyle(options);
+    style.withEvents = withEvents;
+    PrintText(std::cout, trees, model.names, style);
+    return allWell;
+}
+
+int RunDiff(const Options& options, double drift) {
+    Loader loader;
+    const Model model = loader.Load(options.files);
+    if (!loader.IsComplete())
+        return failed;
+    Print(options, MakeDiff(model, {options.request, drift / 100}), model.names);
+    return allWell;
+}
+
+int RunCheck(const Options& options) {
+    Loader loader;
+    const Model model = loader.Load(options.files);
+    if (!loader.IsComplete())
+        return failed;
+    const Check check = MakeCheck(model);
+    Print(options, check, model.names);
+    return check.IsWell() ? allWell : notWell;
+}
+
+int RunTop(const Options& options, double seconds, std::uint64_t times) {
+    const std::unique_ptr<Reader> reader = OpenCsv(options.files.front());
+    EventBatch batch;
+    TopFollower follower;
+    LiveScreen screen(!options.asJson);
+    for (std::uint64_t i = 0; times == 0 || i < times; ++i) {
+        if (i > 0 && !screen.Wait(seconds))
+            break;
+        while (reader->Read(batch))
+            for (const Event& event : batch.events)
+                follower.Add(event);
+        const Top top = follower.Take();
+        if (options.asJson) {
+            std::cout << ToJson(top).dump(-1, ' ', false, Json::error_handler_t::replace)
+                      << std::endl;
+        } else {
+            Style style = MakeStyle(options);
+            style.mostRows = 10;
+            screen.Show([&](std::ostream& out) { PrintText(out, top, style); });
+        }
+        if (!std::cout)
+            return failed;
+    }
+    return allWell;
+}
+
+int RunTimeline(const Options& options, std::uint64_t keep, const std::string& path) {
+    Loader loader;
+    const Model model = loader.Load(options.files);
+    if (model.runs.empty())
+        return failed;
+    const Timeline timeline = MakeTimeline(model, {options.request, keep});
+    WriteTimelinePage(timeline, path);
+    if (options.asJson)
+        Write({{"file", path},
+               {"slices", timeline.slices.size()},
+               {"requests", timeline.allRequests},
+               {"requests_kept", timeline.keptRequests}});
+    return loader.IsComplete() ? allWell : failed;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    std::signal(SIGPIPE, SIG_IGN); // `metrics ... | head` ends as any failed write does
+    CLI::App app("Shows where the time went in recorded runs.\n"
+                 "RUN is a file that the raw client has written, or - for the standard input.",
+                 "metrics");
+    app.set_version_flag("--version", "metrics " METRICS_TOOLS_VERSION);
+    app.require_subcommand(1);
+    Options options;
+    int status = allWell;
+
+    CLI::App* const report = AddCommand(app, "report", "Show where the time went", options);
+    report->add_option("RUN", options.files, "Files of events; - is the standard input")
+        ->required();
+    AddRequest(report, options);
+    AddAll(report, options);
+    report->callback([&] { status = RunReport(options); });
+
+    CLI::App* const slow =
+        AddCommand(app, "slow", "Show the slowest requests, each as a tree with bars", options);
+    std::size_t count = 5;
+    std::optional<std::uint64_t> root;
+    bool withEvents = false;
+    AddRun(slow, options);
+    AddRequest(slow, options);
+    AddAll(slow, options);
+    slow->add_option("-n", count, "How many")->option_text("N")->capture_default_str();
+    slow->add_option("--root", root, "Show the context of this id instead")->option_text("ID");
+    slow->add_flag("--events", withEvents, "Show attributes and events too");
+    slow->callback([&] { status = RunSlow(options, count, root, withEvents); });
+
+    CLI::App* const diff =
+        AddCommand(app, "diff", "Show what changed between two runs, if it is no noise", options);
+    double drift = 10;
+    diff->add_option("BEFORE AFTER", options.files, "The two runs")->required()->expected(2);
+    AddRequest(diff, options);
+    AddAll(diff, options);
+    diff->add_option("--drift", drift,
+                     "By how many per cent two equal runs may differ as a whole (10)")
+        ->option_text("PERCENT")
+        ->check(CLI::Range(0.0, 1e6));
+    diff->callback([&] { status = RunDiff(options, drift); });
+
+    CLI::App* const check = AddCommand(app, "check", "Show what is missing or odd", options);
+    AddRun(check, options);
+    AddAll(check, options);
+    check->callback([&] { status = RunCheck(options); });
+
+    CLI::App* const top =
+        AddCommand(app, "top", "Follow a file that is still being written", options);
+    double seconds = 1;
+    std::uint64_t times = 0;
+    AddRun(top, options);
+    top->add_option("-d", seconds, "Seconds between two looks (1)")
+        ->option_text("SECONDS")
+        ->check(CLI::Range(0.01, 1e6));
+    top->add_option("-n", times, "How many looks, and then end (no end)")->option_text("N");
+    top->callback([&] { status = RunTop(options, seconds, times); });
+
+    CLI::App* const timeline = AddCommand(
+        app, "timeline", "Make one HTML file to look at, and to send to others", options);
+    std::string page;
+    std::uint64_t keep = TimelineOptions().keep;
+    timeline->add_option("RUN", options.files, "Files of events; - is the standard input")
+        ->required();
+    timeline->add_option("-o,--output", page, "The file to write; - is the standard output")
+        ->option_text("FILE")
+        ->required();
+    AddRequest(timeline, options);
+    timeline
+        ->add_option("--keep", keep,
+                     "Keep so many scopes, contexts, attributes and events: all of the slowest "
+                     "requests; the others are summed up (1250000)")
+        ->option_text("N");
+    timeline->callback([&] { status = RunTimeline(options, keep, page); });
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? allWell : failed;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "metrics: %s\n", error.what());
+        return failed;
+    }
+    std::cout.flush();
+    return std::cout ? status : failed;
+}
