@@ -44,16 +44,16 @@ void MetricsThreadContext::AttachContext(Context* context) {
 }
 
 void MetricsThreadContext::DetachContext(Context* context) noexcept {
-    const bool isNull = context == nullptr;
-    ContextState* const state = isNull ? Placeholder(nullptr) : context->State();
-    if (state == nullptr)
+    ContextState* const gone = context == nullptr ? Placeholder(nullptr) : context->State();
+    if (gone == nullptr)
         return; // was never attached anywhere
     std::uint32_t kept = 0;
     for (std::uint32_t i = 0; i < m_size; ++i) {
-        if (m_entries[i] != state)
-            m_entries[kept++] = m_entries[i];
-        else if (!isNull)
-            state->RemoveReference();
+        ContextState* const entry = m_entries[i];
+        if (entry != gone)
+            m_entries[kept++] = entry;
+        else if (IsContext(entry))
+            entry->RemoveReference(); // each entry has one
     }
     m_size = kept;
 }

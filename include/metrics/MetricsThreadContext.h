@@ -57,7 +57,6 @@ private:
     friend class ContextGuard;
     friend detail::ContextState* CurrentStateOf(MetricsThreadContext& stack) noexcept;
     void Reserve(std::uint32_t more);
-    void Push(Context* context) noexcept;
     void ShrinkTo(std::uint32_t size) noexcept;
     detail::ContextState* FindCurrent() noexcept;
 
