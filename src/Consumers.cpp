@@ -1,6 +1,5 @@
 #include "Consumers.h"
 
-#include "Emitter.h"
 #include "Lifecycle.h"
 
 #include <korsys/NoCancellation.h>
@@ -39,10 +38,6 @@ bool IsBeingCalled(const IMetricsListener* listener) noexcept {
 }
 
 } // namespace
-
-pid_t EmitterThreadId() noexcept {
-    return t_thread.delivery == nullptr ? 0 : t_thread.delivery->emitter;
-}
 
 // One list -------------------------------------------------------------------------------------
 
@@ -239,3 +234,8 @@ void Consumers::Calls::EndBatch() noexcept {
 }
 
 } // namespace Metrics::detail
+
+std::int32_t Metrics::GetEventThreadId() noexcept {
+    const detail::DeliveryFrame* const frame = detail::t_thread.delivery;
+    return frame == nullptr ? 0 : frame->emitter;
+}

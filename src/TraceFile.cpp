@@ -1,8 +1,8 @@
 #include "TraceFile.h"
 
-#include "Emitter.h"
 #include "NoWriteSignals.h"
 
+#include <metrics/MetricsEvent.h>
 #include <metrics/MetricsTimer.h>
 
 #include <korsys/NoCancellation.h>
@@ -261,7 +261,7 @@ void TraceFile::Write(const MetricsEvent& event) {
     out = Put(out, static_cast<std::int16_t>(wall - m_header.wallBase));
     if (type == 0)
         out = Put(out, static_cast<std::int32_t>(event.eventType));
-    out = Put(out, static_cast<std::int32_t>(EmitterThreadId()));
+    out = Put(out, GetEventThreadId());
     out = Put(out, event.contextId);
     out = Put(out, event.sourceId);
     out = Put(out, event.bits);
