@@ -6,7 +6,6 @@
 #include "../support/Process.h"
 
 #include "CsvLine.h"
-#include "Emitter.h"
 #include "TraceFile.h"
 
 #include <fcntl.h>
@@ -43,8 +42,8 @@ extern "C" ssize_t pwrite(int file, const void* bytes, size_t size, off_t offset
 }
 
 // What the library knows, for a file that this program writes itself.
-static pid_t s_emitter = 0;
-pid_t detail::EmitterThreadId() noexcept {
+static std::int32_t s_emitter = 0;
+std::int32_t Metrics::GetEventThreadId() noexcept {
     return s_emitter;
 }
 
@@ -143,7 +142,7 @@ void HoldsEveryField() {
         detail::TraceFile file(s_folder.path, 0);
         VERIFY(file.IsOpen());
         for (const MetricsEvent& event : events) {
-            s_emitter = static_cast<pid_t>(&event - events.data());
+            s_emitter = static_cast<std::int32_t>(&event - events.data());
             file.Add(event);
         }
         VERIFY(file.CloseUntil(Clock::now()) && !file.HasFailed() && file.Discarded() == 0);
