@@ -21,6 +21,13 @@ grep -q ',8,file,"tree/inner/b, ""c"".txt"$' out.csv || fail "an attribute is mi
     fail "not every scope was closed"
 [[ $(grep -c ',5,read,0$' out.csv) == 2 ]] || fail "a scope is missing"
 
+expect 0 "$programs/wordcount" -raw=out.csv -trace=out.trace -trace-keep=1M tree
+expect 0 babeltrace2 out.trace
+for name in attribute:8 scope_opened:5 scope_closed:6 custom:7; do
+    number=$(cut -d, -f4 out.csv | grep -c "^${name#*:}$")
+    [[ $(grep -c " ${name%:*}: { " <<<"$said") == "$number" ]] || fail "not $number $name: $said"
+done
+
 expect 0 "$programs/wordcount" -setabs=parse -raw=out.csv tree
 [[ $(grep -c ',5,count,' out.csv) == 2 ]] || fail "a scope is missing"
 ! grep -q ',read,' out.csv || fail "there is a scope of a category that is off"

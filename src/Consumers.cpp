@@ -219,4 +219,23 @@ void Consumers::Calls::Call(const MetricsEvent& event, pid_t emitter) {
              [&event](IMetricsListener& listener) { CallQuietly(listener, event); });
 }
 
+void Consumers::Calls::EndBatch() noexcept {
+    if (!m_isInside || m_removals != m_consumers.m_asynchronous.Removals()) {
+        Leave();
+        Enter();
+    }
+    for (const Consumer* consumer = m_consumers.m_asynchronous.First(); consumer != nullptr;
+         consumer = consumer->next.load(std::memory_order_seq_cst)) {
+        if (consumer->batch == nullptr)
+            continue;
+        const FrameGuard frame(consumer->listener.Get(), 0);
+        consumer->batch->OnBatchEnd();
+    }
+}
+
 } // namespace Metrics::detail
+
+std::int32_t Metrics::GetEventThreadId() noexcept {
+    const detail::DeliveryFrame* const frame = detail::t_thread.delivery;
+    return frame == nullptr ? 0 : frame->emitter;
+}

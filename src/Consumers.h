@@ -1,6 +1,7 @@
 #ifndef METRICS_SRC_CONSUMERS_H
 #define METRICS_SRC_CONSUMERS_H
 
+#include "BatchListener.h"
 #include "ThreadTable.h"
 
 #include <metrics/MetricsEvent.h>
@@ -20,11 +21,13 @@ using Deadline = std::chrono::steady_clock::time_point;
 struct Consumer {
     const std::uint64_t bits;
     const MetricsListenerPtr listener;
+    BatchListener* const batch; // the same object, when it is one
     std::atomic<Consumer*> next{nullptr};
     std::uint32_t removal = 0;    // the number of its removal, once it was taken out
     Consumer* nextKept = nullptr; // ConsumerList's lock
 
-    Consumer(std::uint64_t b, MetricsListenerPtr&& l) noexcept : bits(b), listener(std::move(l)) {}
+    Consumer(std::uint64_t b, MetricsListenerPtr&& l) noexcept
+        : bits(b), listener(std::move(l)), batch(dynamic_cast<BatchListener*>(listener.Get())) {}
 };
 
 /// The consumers of one kind, in the order of their registration.
@@ -120,6 +123,8 @@ public:
 
         /// Calls the asynchronous consumers; what they throw is dropped.
         void Call(const MetricsEvent& event, pid_t emitter);
+        /// Tells those who gather events that no more come for the time being.
+        void EndBatch() noexcept;
 
         /// Outside of the section, code of the application may run that waits for a removal.
         void Leave() noexcept;

@@ -148,16 +148,6 @@ bool Delivery::JoinUntil(Deadline deadline) noexcept {
 
 // The thread -----------------------------------------------------------------------------------
 
-/// A queue that holds something to be delivered.
-struct Delivery::Source {
-    ThreadRecord* record;
-    const std::byte* end; // what was published when it was looked at
-    std::uint64_t order;  // of the record at the front
-
-    /// For a heap that has the lowest order on top.
-    friend bool operator<(const Source& a, const Source& b) noexcept { return a.order > b.order; }
-};
-
 void Delivery::Run() {
     t_thread.isDeliveryThread = true;
     try {
@@ -202,70 +192,43 @@ void Delivery::Run() {
 
 bool Delivery::DeliverUpTo(std::uint64_t cut) {
     try {
-        CollectSources(cut);
-        Merge(cut);
+        m_merge.Begin(cut);
+        for (ThreadRecord* record = s_threads.First(); record != nullptr; record = record->next)
+            m_merge.Add(record->queue, record->owner.load(std::memory_order_relaxed));
+        DeliverMerged();
     } catch (const std::bad_alloc&) {
         return false; // tried again
     }
     return true;
 }
 
-void Delivery::CollectSources(std::uint64_t cut) {
-    m_sources.clear();
-    for (ThreadRecord* record = s_threads.First(); record != nullptr; record = record->next) {
-        const std::byte* const end = record->queue.Published();
-        const Record* const front = record->queue.Front(end);
-        if (front != nullptr && front->Order() <= cut)
-            m_sources.push_back({record, end, front->Order()});
-    }
-}
-
-void Delivery::Merge(std::uint64_t cut) {
+void Delivery::DeliverMerged() {
     // Nobody to deliver to: looked at after the queues were, so that whoever was registered before
     // something was emitted does not miss it.
     if (!s_consumers.HasAsynchronous()) {
-        for (const Source& source : m_sources) {
-            source.record->queue.Discard(source.end);
-            ++m_delivered; // a batch, at least
-        }
+        m_delivered += m_merge.Discard();
         return;
     }
     Consumers::Calls calls(s_consumers);
-    std::make_heap(m_sources.begin(), m_sources.end());
-    while (!m_sources.empty()) {
-        std::pop_heap(m_sources.begin(), m_sources.end());
-        Source& source = m_sources.back();
-        EventQueue& queue = source.record->queue;
-        const pid_t emitter = source.record->owner.load(std::memory_order_relaxed);
-        // This thread's turn lasts until another one's next event is older.
-        const std::uint64_t until =
-            m_sources.size() == 1 ? cut : std::min(cut, m_sources.front().order);
-        Record* record = queue.Front(source.end);
-        do {
-            calls.Call(m_event.Make(*record), emitter);
+    m_merge.Run([this, &calls](Record& record, pid_t emitter) {
+        calls.Call(m_event.Make(record), emitter);
+        if (InForkedChild())
+            return false;
+        if (m_event.HoldsObjects()) [[unlikely]] {
+            // Whoever waits for the end of a call must not wait for what is freed here.
+            calls.Leave();
+            m_event.Clear();
             if (InForkedChild())
-                return;
-            queue.Pop();
-            if (m_event.HoldsObjects()) [[unlikely]] {
-                // Whoever waits for the end of a call must not wait for what is freed here.
-                calls.Leave();
-                m_event.Clear();
-                if (InForkedChild())
-                    return;
-                calls.Enter();
-            } else {
-                m_event.Clear();
-            }
-            ++m_delivered;
-            record = queue.Front(source.end);
-        } while (record != nullptr && record->Order() <= until);
-        if (record != nullptr && record->Order() <= cut) {
-            source.order = record->Order();
-            std::push_heap(m_sources.begin(), m_sources.end());
+                return false;
+            calls.Enter();
         } else {
-            m_sources.pop_back();
+            m_event.Clear();
         }
-    }
+        ++m_delivered;
+        return true;
+    });
+    if (!InForkedChild())
+        calls.EndBatch();
 }
 
 // Memory ---------------------------------------------------------------------------------------
@@ -314,7 +277,7 @@ void Delivery::End() {
     for (ThreadRecord* record = s_threads.First(); record != nullptr; record = record->next)
         record->queue.Discard(record->queue.Published()); // what came behind the end
     s_threads.SetSwept(false);
-    std::vector<Source>().swap(m_sources);
+    m_merge.Free();
     m_event = DeliveredEvent();
     m_stopped.Signal();
 }

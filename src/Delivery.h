@@ -3,6 +3,7 @@
 
 #include "Consumers.h"
 #include "DeliveredEvent.h"
+#include "Merge.h"
 #include "TimedThread.h"
 
 #include <korsys/Mutex.h>
@@ -14,7 +15,6 @@
 #include <cstdint>
 #include <functional>
 #include <limits>
-#include <vector>
 
 namespace Metrics::detail {
 
@@ -96,12 +96,9 @@ public:
     Flushes& GetFlushes() noexcept { return m_flushes; }
 
 private:
-    struct Source;
-
     void Run();
     bool DeliverUpTo(std::uint64_t cut);
-    void CollectSources(std::uint64_t cut);
-    void Merge(std::uint64_t cut);
+    void DeliverMerged();
     void LookAtMemory() noexcept;
     void BalanceMemory() noexcept;
     void End();
@@ -115,7 +112,7 @@ private:
     Flushes m_flushes;
 
     // The thread's own.
-    std::vector<Source> m_sources;
+    Merge m_merge;
     DeliveredEvent m_event;
     std::size_t m_delivered = 0; // in this batch
     std::size_t m_peak = 0;      // chunks that bursts have lately needed

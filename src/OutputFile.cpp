@@ -1,5 +1,7 @@
 #include "OutputFile.h"
 
+#include "NoWriteSignals.h"
+
 #include <korsys/NoCancellation.h>
 
 #include <fcntl.h>
@@ -7,46 +9,11 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
-#include <ctime>
 #include <utility>
 
 namespace Metrics::detail {
 
 namespace {
-
-/// Keeps the signals by which the system tells of a failed write from the calling thread, and takes
-/// away those that a write has caused. One that was pending before stays so.
-class NoWriteSignals {
-public:
-    NoWriteSignals() noexcept {
-        sigemptyset(&m_signals);
-        sigaddset(&m_signals, SIGPIPE);
-        sigaddset(&m_signals, SIGXFSZ);
-        sigpending(&m_pendingBefore);
-        pthread_sigmask(SIG_BLOCK, &m_signals, &m_maskBefore);
-    }
-    ~NoWriteSignals() { pthread_sigmask(SIG_SETMASK, &m_maskBefore, nullptr); }
-    NoWriteSignals(const NoWriteSignals&) = delete;
-    NoWriteSignals& operator=(const NoWriteSignals&) = delete;
-
-    /// The system sends the signal to the thread that writes, before the write returns.
-    void TakeAway(int signal) noexcept {
-        if (sigismember(&m_pendingBefore, signal) != 0)
-            return;
-        sigset_t caused;
-        sigemptyset(&caused);
-        sigaddset(&caused, signal);
-        const timespec atOnce{};
-        while (sigtimedwait(&caused, nullptr, &atOnce) < 0 && errno == EINTR)
-            ;
-    }
-
-private:
-    sigset_t m_signals{};
-    sigset_t m_pendingBefore{};
-    sigset_t m_maskBefore{};
-};
 
 /// The standard output or error that the file is, open for writing; -1 when it is neither.
 int StandardStream(const struct stat& file) noexcept {
@@ -108,11 +75,7 @@ void OutputFile::WriteOnHostThread(std::string_view bytes) noexcept {
     const korsys::NoCancellation guard;
     NoWriteSignals signals;
     Write(bytes);
-    const int error = m_error.load(std::memory_order_relaxed);
-    if (error == EPIPE)
-        signals.TakeAway(SIGPIPE);
-    else if (error == EFBIG)
-        signals.TakeAway(SIGXFSZ);
+    signals.TakeAway(m_error.load(std::memory_order_relaxed));
 }
 
 void OutputFile::Close() noexcept {

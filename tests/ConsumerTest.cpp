@@ -276,4 +276,24 @@ TEST(Consumer, MayBeRegisteredByWhatAnEventCarries) {
     EXPECT_EQ(delivered, 200);
 }
 
+TEST(Consumer, LearnsWhichThreadHasEmitted) {
+    std::vector<pid_t> synchronous, asynchronous;
+    Consume(true, [&](const MetricsEvent& event) {
+        if (event.eventType == MetricsEventType::Custom)
+            synchronous.push_back(GetEventThreadId());
+    });
+    Consume(false, [&](const MetricsEvent&) { asynchronous.push_back(GetEventThreadId()); });
+    pid_t other = 0;
+    Send("here");
+    std::thread([&] {
+        other = gettid();
+        Send("there");
+    }).join();
+    EXPECT_EQ(GetEventThreadId(), 0) << "outside of a call";
+    EXPECT_TRUE(Manager().Disable());
+    const std::vector<pid_t> emitters{gettid(), other};
+    EXPECT_EQ(synchronous, emitters);
+    EXPECT_EQ(asynchronous, emitters);
+}
+
 } // namespace Metrics::test

@@ -13,12 +13,15 @@
 namespace {
 
 constexpr const char* usage =
-    "usage: wordcount [-set=LIST | -setabs=LIST] [-clear=LIST] [-raw=FILE] PATH...\n"
+    "usage: wordcount [-set=LIST | -setabs=LIST] [-clear=LIST] [-raw=FILE]\n"
+    "                 [-trace=FOLDER [-trace-keep=SIZE]] PATH...\n"
     "Counts the words of files, and of all files in folders.\n"
-    "  -raw=FILE     record what happens, and when, in this CSV file\n"
-    "  -set=LIST     record these categories, such as act,parse\n"
-    "  -setabs=LIST  record these categories and no others\n"
-    "  -clear=LIST   do not record these categories\n";
+    "  -raw=FILE         record what happens, and when, in this CSV file\n"
+    "  -trace=FOLDER     record it in this folder, for babeltrace2\n"
+    "  -trace-keep=SIZE  keep the newest of it, such as 64M, and no more\n"
+    "  -set=LIST         record these categories, such as act,parse\n"
+    "  -setabs=LIST      record these categories and no others\n"
+    "  -clear=LIST       do not record these categories\n";
 
 struct UsageError : std::runtime_error {
     using std::runtime_error::runtime_error;
@@ -29,30 +32,37 @@ class MetricsSession {
 public:
     // [snippet: setup]
     void Configure(const std::string& argument) {
-        if (!m_client.ProcessArgument(argument))
+        const bool isForFile = m_file.ProcessArgument(argument);
+        const bool isForTrace = m_trace.ProcessArgument(argument);
+        if (!isForFile && !isForTrace)
             throw UsageError("unknown option '" + argument + "'");
-        // The client skips categories that it does not know; a slip of the pen should not pass.
+        if (!isForFile || !isForTrace)
+            return; // a path or a size
+        // The clients skip categories that they do not know; a slip of the pen should not pass.
         const std::string list = argument.substr(argument.find('=') + 1);
         const std::string unknown = Metrics::MetricsBitsUtils::ValidateMnemonicList(list);
-        if (argument.rfind("-raw=", 0) != 0 && !unknown.empty())
+        if (!unknown.empty())
             throw UsageError("unknown categories '" + unknown + "' in '" + argument + "'");
     }
 
     void Start() {
         Metrics::MetricsManager::GetInstance()->Enable(); // before Open, which registers a consumer
-        m_client.Open(); // without -raw= it returns false, and nothing is recorded
+        m_file.Open();  // without -raw= it returns false, and records nothing
+        m_trace.Open(); // without -trace= the same
     }
     // [end]
 
     // [snippet: shutdown]
     ~MetricsSession() {
-        m_client.Close(); // waits until everything is in the file, for five seconds at most
+        m_trace.Close(); // waits until everything is in the folder, for five seconds at most
+        m_file.Close();  // the same for the file
         Metrics::MetricsManager::ShutdownAndFreeInstance();
     }
     // [end]
 
 private:
-    Metrics::MetricsRawClient m_client;
+    Metrics::MetricsRawClient m_file;
+    Metrics::MetricsTraceClient m_trace;
 };
 
 int Run(const std::vector<std::string>& arguments) {

@@ -6,6 +6,7 @@
 #include <metrics/MetricsBitsUtils.h>
 #include <metrics/MetricsContext.h>
 #include <metrics/MetricsEvent.h>
+#include <metrics/MetricsFileClient.h>
 #include <metrics/MetricsFileError.h>
 #include <metrics/MetricsFilter.h>
 #include <metrics/MetricsManager.h>
@@ -13,6 +14,7 @@
 #include <metrics/MetricsScope.h>
 #include <metrics/MetricsThreadContext.h>
 #include <metrics/MetricsTimer.h>
+#include <metrics/MetricsTraceClient.h>
 #include <metrics/MetricsVersion.h>
 
 #endif // METRICS_METRICS_H

@@ -204,9 +204,11 @@ METRICS_EXPORT std::shared_ptr<MetricsEvent> MakeMetricsEvent();
 /// The contract of OnMetricsEvent:
 /// - A synchronous consumer is called on the emitting thread, before the emitting call returns, by
 ///   several threads at once: it guards its own state. An asynchronous one is called on the
-///   delivery thread only, one event at a time, in the order in which events were queued.
-/// - The consumer lock is held for reading: AddConsumer and RemoveConsumer do nothing and return
-///   false from inside the call, and wait on other threads until it returns.
+///   delivery thread only, one event at a time, in the order of their stamps, each thread's own
+///   order kept. No lock of the library is held during the call.
+/// - AddConsumer and RemoveConsumer do nothing and return false from inside the call. On another
+///   thread RemoveConsumer waits until the calls of that kind that are in progress have returned;
+///   AddConsumer and emitters wait for none.
 /// - It may emit. Its own events reach every other synchronous consumer, but not this one again on
 ///   the same thread while it is inside the call; asynchronous consumers get them later.
 /// - It may call WaitUntilWritesFlushed, which returns at once, and Disable, which waits its full
@@ -214,9 +216,9 @@ METRICS_EXPORT std::shared_ptr<MetricsEvent> MakeMetricsEvent();
 /// - While it runs, later asynchronous deliveries (or the emitting thread) wait for it.
 /// - An exception from an asynchronous consumer ends that call alone. One from a synchronous
 ///   consumer reaches the emitting code, and the event is not queued.
-/// - It must not end its thread (pthread_exit, cancellation).
-/// - The event is valid during the call only; copy what you keep (copies of a value share the
-///   text).
+/// - It must not end its thread (pthread_exit). A synchronous one is not cancelled inside of it.
+/// - The event is valid during the call only; copy what you keep. Copies of a value share the text;
+///   a weak pointer to it does not keep it, and it may be another text later.
 class METRICS_EXPORT IMetricsListener : public korsys::RefCntObject {
 public:
     ~IMetricsListener() override;
@@ -227,6 +229,13 @@ public:
     /// Thread-safety: synchronous consumers are called by several threads at once.
     virtual void OnMetricsEvent(const MetricsEvent& event) = 0;
 };
+
+/// Inside OnMetricsEvent the kernel's id of the thread that has emitted the event, see gettid(2); 0
+/// elsewhere.
+///
+/// Thread-safety: safe from any thread at any time.
+/// Cost: a few loads; takes no lock and allocates nothing.
+METRICS_EXPORT std::int32_t GetEventThreadId() noexcept;
 
 /// How listeners are held. Make one with `korsys::MakeRefCnt<MyListener>(...)`.
 using MetricsListenerPtr = korsys::RefCntPtr<IMetricsListener, korsys::RefCntObject>;

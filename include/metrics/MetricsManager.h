@@ -18,13 +18,13 @@ namespace Metrics {
 ///
 /// Life: GetInstance gives an idle manager; Enable starts the delivery thread and lets events and
 /// consumers in; Disable delivers what is queued and switches the library off for the rest of the
-/// process; ShutdownAndFreeInstance also frees the instance, and runs by itself at unload or exit.
+/// process; ShutdownAndFreeInstance does the same, and runs by itself at unload or exit.
 /// Once the library is off, and in a child forked after Enable, every operation does nothing and
 /// returns false, 0, null or nothing.
 ///
-/// Ordering: asynchronous consumers see events in the order in which they were queued. An event
-/// emitted after another thread's emit has returned is delivered after that one. A synchronous
-/// consumer sees an event before any asynchronous one does.
+/// Ordering: asynchronous consumers see events in the order of their stamps, each thread's own
+/// order kept. An event emitted after another thread's emit has returned is delivered after that
+/// one. A synchronous consumer sees an event before any asynchronous one does.
 ///
 /// A pointer from GetInstance stays valid as long as the library is loaded, after
 /// ShutdownAndFreeInstance too.
@@ -36,20 +36,22 @@ public:
     /// The one instance, made on first use; never null.
     ///
     /// Thread-safety: safe from any thread at any time.
-    /// Cost: one acquire load; the first call takes a lock and allocates.
-    /// @throws std::bad_alloc on first use; the next call tries again.
+    /// Cost: one relaxed load; the first call takes a lock.
     static MetricsManager* GetInstance();
 
-    /// Disables the instance, if there is one, and frees it. One deadline of 1000 ms covers the
-    /// delivery of what is queued and the operations that other threads are inside of; past it the
-    /// instance is abandoned, never freed under a running thread.
+    /// Disables the manager, if anybody has asked for it. One deadline of 1000 ms covers the
+    /// delivery of what is queued, an end that another thread is at, and the calls of synchronous
+    /// consumers that other threads are inside of. What is still running then is left alone, and
+    /// nothing is freed under it.
     ///
     /// Thread-safety: safe from any thread at any time.
     /// Cost: blocks for at most 1000 ms; calls consumers.
     static void ShutdownAndFreeInstance() noexcept;
 
     /// Starts the delivery thread; does nothing when it exists. The thread is named "metrics" and
-    /// blocks every signal but the synchronous ones. Does not wait for the init function.
+    /// blocks every signal but the synchronous ones. It has the ordinary scheduling policy, and the
+    /// processors and the niceness of the calling thread; the init function may choose others. Does
+    /// not wait for that function.
     ///
     /// Thread-safety: safe from any thread at any time.
     /// Cost: takes a lock; allocates; starts a thread.
@@ -104,7 +106,7 @@ public:
     ///         off, and from inside OnMetricsEvent.
     ///
     /// Thread-safety: safe from any thread at any time.
-    /// Cost: waits for the listener calls in progress; allocates.
+    /// Cost: takes a lock for a few instructions and waits for no call; allocates.
     /// @throws std::bad_alloc
     bool AddConsumer(MetricsListenerPtr listener, std::uint64_t bits, bool synchronous);
 
@@ -113,8 +115,8 @@ public:
     /// @return false when there is none, and under the conditions of AddConsumer.
     ///
     /// Thread-safety: safe from any thread at any time.
-    /// Cost: waits for the listener calls in progress; allocates on a thread's first call.
-    /// @throws std::bad_alloc
+    /// Cost: waits for the calls of consumers of its kind that are in progress on other threads;
+    /// takes a lock for a few instructions; allocates nothing.
     bool RemoveConsumer(MetricsListenerPtr listener);
 
     /// Takes an event whose type, ids, bits and values are filled in: drops it when its bits are
@@ -123,8 +125,8 @@ public:
     /// make events with MakeMetricsEvent.
     ///
     /// Thread-safety: safe from any thread at any time.
-    /// Cost: two clock reads and one append. Never waits for the delivery and takes no lock while
-    /// there are no synchronous consumers; allocates when the buffer grows.
+    /// Cost: a stamp and one append. Takes no lock and waits for nobody; allocates on a thread's
+    /// first event, and takes memory from a pool when 2 KiB are full.
     /// @throws what a synchronous consumer throws, and std::bad_alloc; the event is then lost.
     void EmitEvent(std::shared_ptr<MetricsEvent> event);
 
@@ -134,8 +136,7 @@ public:
     /// behind which the delivery waits.
     ///
     /// Thread-safety: safe from any thread at any time.
-    /// Cost: wakes the delivery thread and blocks; allocates.
-    /// @throws std::bad_alloc
+    /// Cost: wakes the delivery thread and blocks; takes a lock; allocates nothing.
     void WaitUntilWritesFlushed(unsigned int milliseconds);
 
     /// The calling thread's stack of contexts, shared with the caller; an empty one stored nowhere

@@ -2,13 +2,10 @@
 #define METRICS_RAW_CLIENT_H
 
 #include <metrics/MetricsBitsUtils.h>
-#include <metrics/MetricsContext.h>
 #include <metrics/MetricsEvent.h>
 #include <metrics/MetricsExport.h>
-#include <metrics/MetricsFileError.h>
+#include <metrics/MetricsFileClient.h>
 
-#include <chrono>
-#include <cstdint>
 #include <memory>
 #include <string>
 #include <system_error>
@@ -26,7 +23,7 @@ namespace Metrics {
 ///
 /// Thread-safety: one thread at a time for each object; Open and Close run on the same thread,
 /// since the client's root context is attached to it.
-class METRICS_EXPORT MetricsRawClient {
+class METRICS_EXPORT MetricsRawClient : public MetricsFileClient {
 public:
     class Listener;
 
@@ -37,21 +34,10 @@ public:
     /// Cost: that of Close.
     ~MetricsRawClient();
 
-    MetricsRawClient(const MetricsRawClient&) = delete;
-    MetricsRawClient& operator=(const MetricsRawClient&) = delete;
-
-    /// Sets the categories that Open adds to the manager's mask or, when `absolute`, replaces it
-    /// with. Unknown mnemonics are dropped; see MetricsBitsUtils::ValidateMnemonicList.
-    /// Cost: reads the list, as ClearBits does; takes no lock and allocates nothing.
+    /// As MetricsFileClient says; programs were built against them here.
     void SetBits(std::string const& mnemonics, bool absolute);
-
-    /// Sets the categories that Open takes out. Unknown mnemonics are dropped.
-    void ClearBits(std::string const& mnemonics);
-
-    /// Sets the path of the file.
-    /// Cost: copies the path; takes no lock.
-    /// @throws std::bad_alloc
-    void SetOutputFileName(std::string const& fileName);
+    void ClearBits(std::string const& mnemonics);        ///< The same.
+    void SetOutputFileName(std::string const& fileName); ///< The same.
 
     /// Takes one argument: "-set=", "-setabs=" or "-clear=" with mnemonics, or "-raw=" with the
     /// path. A later argument of the same kind replaces an earlier one. Settings take effect at the
@@ -115,15 +101,6 @@ public:
     MetricsFileError GetFirstError() const;
 
 private:
-    void AdjustFilterBits();
-    bool EndListener(std::chrono::steady_clock::time_point deadline) noexcept;
-
-    bool m_isOpen = false;
-    std::unique_ptr<Context> m_context;
-    std::string m_outputFileName;
-    std::uint64_t m_setBits = 0;
-    std::uint64_t m_clearBits = 0;
-    bool m_setBitsAbsolute = false;
     korsys::RefCntPtr<Listener> m_listener; // of the last Open; it knows the first error
 };
 

@@ -41,5 +41,5 @@ void SeesWhatTheLibraryMade() {
 } // namespace
 
 int main(int argc, char** argv) {
-    return RunCases(argc, argv, {{"sees what the library made", SeesWhatTheLibraryMade}});
+    return RunCases(argc, argv, {{"SeesWhatTheLibraryMade", SeesWhatTheLibraryMade}});
 }

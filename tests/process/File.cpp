@@ -324,17 +324,17 @@ void IsNotInherited() {
 
 int main(int argc, char** argv) {
     return RunCases(argc, argv,
-                    {{"opens a pipe without a reader", OpensAPipeWithoutAReader, 20},
-                     {"opens without room", OpensWithoutRoom, 20},
-                     {"leaves the pending signal", LeavesThePendingSignal, 20},
-                     {"shares a path", SharesAPath, 20},
-                     {"is truncated under us", IsTruncatedUnderUs, 20},
-                     {"writes to /dev/stdout", [] { WritesToStandardOutput("/dev/stdout"); }, 20},
-                     {"writes where stdout goes", [] { WritesToStandardOutput(s_file.path); }, 20},
-                     {"closes while a consumer is stuck", ClosesWhileAConsumerIsStuck, 20},
-                     {"closes in the middle of a write", ClosesInTheMiddleOfAWrite, 20},
-                     {"writes nothing behind a failure", WritesNothingBehindAFailure, 20},
-                     {"tells the first error", TellsTheFirstError, 20},
-                     {"is cancelled in Close", IsCancelledInClose, 20},
-                     {"is not inherited", IsNotInherited, 20}});
+                    {{"OpensAPipeWithoutAReader", OpensAPipeWithoutAReader, 20},
+                     {"OpensWithoutRoom", OpensWithoutRoom, 20},
+                     {"LeavesThePendingSignal", LeavesThePendingSignal, 20},
+                     {"SharesAPath", SharesAPath, 20},
+                     {"IsTruncatedUnderUs", IsTruncatedUnderUs, 20},
+                     {"WritesToStandardOutput", [] { WritesToStandardOutput("/dev/stdout"); }, 20},
+                     {"WritesWhereStdoutGoes", [] { WritesToStandardOutput(s_file.path); }, 20},
+                     {"ClosesWhileAConsumerIsStuck", ClosesWhileAConsumerIsStuck, 20},
+                     {"ClosesInTheMiddleOfAWrite", ClosesInTheMiddleOfAWrite, 20},
+                     {"WritesNothingBehindAFailure", WritesNothingBehindAFailure, 20},
+                     {"TellsTheFirstError", TellsTheFirstError, 20},
+                     {"IsCancelledInClose", IsCancelledInClose, 20},
+                     {"IsNotInherited", IsNotInherited, 20}});
 }
