@@ -25,8 +25,13 @@ struct alignas(64) Chunk {
     std::byte* Begin() noexcept { return reinterpret_cast<std::byte*>(this + 1); }
 
     /// The chunk in which a byte stands.
-    static Chunk* Of(const std::byte* byte) noexcept {
-        return reinterpret_cast<Chunk*>(reinterpret_cast<std::uintptr_t>(byte) & ~(size - 1));
+    static Chunk* Of(std::byte* byte) noexcept {
+        return reinterpret_cast<Chunk*>(byte -
+                                        (reinterpret_cast<std::uintptr_t>(byte) & (size - 1)));
+    }
+    static const Chunk* Of(const std::byte* byte) noexcept {
+        return reinterpret_cast<const Chunk*>(
+            byte - (reinterpret_cast<std::uintptr_t>(byte) & (size - 1)));
     }
     /// How many bytes there are from here to the end of the chunk; 0 at its end, and for null.
     static std::size_t RoomAt(const std::byte* byte) noexcept {
@@ -88,6 +93,7 @@ private:
     // The topmost free chunk and a tag, in one word.
     static constexpr int tagShift = 36;
     static Chunk* TopOf(std::uint64_t word) noexcept {
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): a pointer and a tag fit into one word only so
         return reinterpret_cast<Chunk*>((word & ((std::uint64_t{1} << tagShift) - 1)) *
                                         Chunk::size);
     }

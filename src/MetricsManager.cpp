@@ -103,6 +103,7 @@ bool MetricsManager::AddConsumer(MetricsListenerPtr listener, std::uint64_t bits
     return s_consumers.Add(std::move(listener), bits, synchronous);
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): as the interface has it
 bool MetricsManager::RemoveConsumer(MetricsListenerPtr listener) {
     return detail::RemoveConsumerUntil(listener.Get(), steady_clock::time_point::max()) !=
            detail::Consumers::Removed::No;
