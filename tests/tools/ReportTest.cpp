@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <cmath>
 #include <map>
 #include <random>
@@ -338,6 +340,7 @@ TEST(TopTest, CountsWhatCameSinceTheLastLook) {
     recording.Open(10, 2, 1);
     recording.Use(10, 2, "get", 1);
     recording.Begin(20, 2, "work");
+    recording.Begin(20, 2, "work");
     const TemporaryFile file(recording.Text());
     const std::unique_ptr<Reader> reader = OpenCsv(file.Path());
     TopFollower follower;
@@ -349,7 +352,7 @@ TEST(TopTest, CountsWhatCameSinceTheLastLook) {
         return follower.Take();
     };
     Top top = look();
-    EXPECT_EQ(top.events, 9U);
+    EXPECT_EQ(top.events, 10U);
     EXPECT_EQ(top.interval, 20U);
     ASSERT_EQ(top.inFlight.size(), 1U);
     EXPECT_EQ(top.inFlight[0].name, "get");
@@ -358,6 +361,7 @@ TEST(TopTest, CountsWhatCameSinceTheLastLook) {
 
     // The file grows, in the middle of a line at first.
     Recording more;
+    more.End(40, 2, "work");
     more.End(50, 2, "work");
     more.Create(55, 3, 2);
     more.End(60, 2, "get");
@@ -368,7 +372,7 @@ TEST(TopTest, CountsWhatCameSinceTheLastLook) {
     EXPECT_EQ(look().events, 0U);
     out << text.substr(20) << std::flush;
     top = look();
-    EXPECT_EQ(top.events, 4U);
+    EXPECT_EQ(top.events, 5U);
     EXPECT_EQ(top.interval, 40U);
     EXPECT_EQ(top.requestsEnded, 1U);
     EXPECT_EQ(top.waiting, 1U);
@@ -376,6 +380,24 @@ TEST(TopTest, CountsWhatCameSinceTheLastLook) {
     ASSERT_EQ(top.labels.size(), 2U);
     EXPECT_EQ(top.labels[0].label, "get");
     EXPECT_EQ(top.labels[1].max, 30U);
+    EXPECT_EQ(top.labels[1].ended, 2U);
+    EXPECT_EQ(top.labels[1].total, 30U); // the inner one is part of it
+}
+
+TEST(TopTest, DoesNotWaitForWhatAPipeDoesNotHave) {
+    const std::string path = "tools-" + std::to_string(getpid()) + ".fifo";
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    std::fstream writer(path); // both ways, so that nobody waits
+    const std::string text = Recording().Text();
+    writer << text << std::flush;
+    const std::unique_ptr<Reader> reader = OpenCsv(path, true);
+    std::remove(path.c_str());
+    EventBatch batch;
+    ASSERT_TRUE(reader->Read(batch));
+    EXPECT_EQ(batch.events.size(), 2U);
+    EXPECT_FALSE(reader->Read(batch));
+    writer << "9,1.000000,0,4,0,1\n" << std::flush;
+    EXPECT_TRUE(reader->Read(batch));
 }
 
 } // namespace Metrics::tools::test
