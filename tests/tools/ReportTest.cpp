@@ -165,7 +165,8 @@ TEST(ReportTest, EveryNumberIsThatOfTheSchedule) {
 }
 
 TEST(ReportTest, TheTailIsWhatItsRequestsHaveMoreOf) {
-    // Requests of 1000 to 1999 ns of work, of which the last 10 wait for a task for long.
+    // Requests of next to nothing, and of 1440 to 1999 ns of work, of which the last 10 wait for a
+    // task for long.
     Recording recording;
     Recording::Stamp now = 0;
     for (Recording::Id i = 0; i < 1000; ++i) {
@@ -177,7 +178,7 @@ TEST(ReportTest, TheTailIsWhatItsRequestsHaveMoreOf) {
         now += i < 990 ? 100 : 5000;
         recording.Open(now, request + 1, request);
         recording.Use(now, request + 1, "task", 2);
-        now += 1000 + i;
+        now += i < 440 ? 10 : 1000 + i;
         recording.End(now, request + 1, "task");
         recording.Close(now, request + 1, request);
         recording.End(now, request, "get");
@@ -272,6 +273,7 @@ TEST(ReportTest, FilesAreAlignedByTheWallClock) {
     };
     EXPECT_EQ(most(base + 3000), 6U);
     EXPECT_EQ(most(base + 9000), 3U);
+    EXPECT_EQ(most(base + 4000), 3U) << "one is opened in the moment in which another is created";
 }
 
 TEST(CheckTest, TellsWhatIsMissing) {
@@ -281,6 +283,7 @@ TEST(CheckTest, TellsWhatIsMissing) {
     recording.Begin(2, 2, "outer");
     recording.Begin(3, 2, "inner");
     recording.End(4, 2, "inner");
+    recording.Begin(4, 2, "innermost");
     recording.Create(5, 3, 2); // lost
     recording.Create(6, 4, 2);
     recording.Open(7, 4, 2); // open, and never used
@@ -292,11 +295,15 @@ TEST(CheckTest, TellsWhatIsMissing) {
     ASSERT_EQ(check.openAtEnd.size(), 2U);
     EXPECT_EQ(check.openAtEnd[0].context, 2U);
     EXPECT_EQ(model.names[check.openAtEnd[0].name], "request");
-    EXPECT_EQ(model.names[check.openAtEnd[0].scope], "outer");
+    EXPECT_EQ(model.names[check.openAtEnd[0].scope], "innermost");
     EXPECT_EQ(check.openAtEnd[1].scope, noName);
     EXPECT_EQ(check.unmatchedScopes, 0U);
     EXPECT_FALSE(check.IsWell());
     EXPECT_TRUE(MakeCheck(LoadTexts({Recording().Text()})).IsWell()) << "the client's own is none";
+    const std::string whole = Recording().Text();
+    for (const char* const one : {"1,1.0,0,2,0,2\n", "1,1.0,0,3,0,2\n", "1,1.0,1,6,x,0\n", "x\n",
+                                  "1,1.0,0,7,lost,1\n", "1"})
+        EXPECT_FALSE(MakeCheck(LoadTexts({whole + one})).IsWell()) << one;
 }
 
 TEST(SlowTest, ShowsTheSlowestAsTrees) {

@@ -61,6 +61,8 @@ says '"open_at_end": [' '"scope": "get, <b>"' $'"unreadable_lines": [\n    11\n 
 says 'damaged.csv:11: not an event'
 expect 0 "$metrics" report damaged.csv
 says '9 events'
+expect 0 "$metrics" slow --root 2 --json damaged.csv # open at its end
+says '"duration_ns": null' '"tid": 8'
 
 # What cannot be used.
 echo 'some text' >other.txt
