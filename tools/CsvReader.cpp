@@ -1,6 +1,7 @@
 #include "Reader.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -62,7 +63,7 @@ std::size_t EndOfQuoted(std::string_view text) {
 
 class CsvReader final : public Reader {
 public:
-    explicit CsvReader(const std::string& path)
+    CsvReader(const std::string& path, bool isFollowed)
         : m_path(path),
           m_file(path == "-" ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
         if (m_file < 0)
@@ -70,8 +71,8 @@ public:
         struct stat status {};
         if (fstat(m_file, &status) == 0 && S_ISREG(status.st_mode))
             m_size = static_cast<std::uint64_t>(status.st_size);
-        while (m_rest.find('\n') == std::string::npos && m_rest.size() < blockSize && Fill()) {}
         TakeHeader();
+        m_isFollowed = isFollowed;
     }
 
     ~CsvReader() override {
@@ -110,28 +111,31 @@ public:
     }
 
 private:
-    /// A file without the header may still be one of ours that is damaged. It is when it begins
-    /// with an event, or does so behind a first line that is none; what was not finished may be
-    /// anything.
+    /// A file that does not begin with the header may still be one of ours: damaged, or with other
+    /// output in front. It is when the header or an event is near.
     void TakeHeader() {
-        const std::string_view text = m_rest;
-        const std::size_t end = text.find('\n');
-        const std::string_view first = text.substr(0, end);
-        if (end == std::string_view::npos ? !first.empty() && header.starts_with(first)
-                                          : first == header) {
-            m_line = 1;
-            if (end != std::string_view::npos)
-                m_rest.erase(0, end + 1);
-            return;
-        }
         EventBatch batch;
-        if (end != std::string_view::npos) {
-            const std::string_view second =
-                text.substr(end + 1, text.find('\n', end + 1) - end - 1);
-            if (Parse(first, batch) || Parse(second, batch))
+        std::size_t begin = 0;
+        for (;;) {
+            const std::size_t end = m_rest.find('\n', begin);
+            if (end == std::string::npos) {
+                if (m_rest.size() < blockSize && Fill())
+                    continue;
+                break;
+            }
+            const std::string_view line = std::string_view(m_rest).substr(begin, end - begin);
+            if (begin == 0 && line == header) {
+                m_line = 1;
+                m_rest.erase(0, end + 1);
                 return;
+            }
+            if (line == header || Parse(line, batch))
+                return; // Read() tells of what stands in front
+            begin = end + 1;
         }
-        throw ReadError(m_path + ":1: not a file of events: it does not begin with their header");
+        if (begin != 0 || m_rest.empty() || !header.starts_with(m_rest))
+            throw ReadError(m_path + ":1: not a file of events: their header is not there");
+        m_line = 1; // it is being written
     }
 
     [[noreturn]] void Fail() const {
@@ -139,6 +143,9 @@ private:
     }
 
     bool Fill() {
+        pollfd file{m_file, POLLIN, 0};
+        if (m_isFollowed && poll(&file, 1, 0) == 0)
+            return false;
         const std::size_t old = m_rest.size();
         m_rest.resize(old + blockSize);
         ssize_t got = 0;
@@ -210,6 +217,7 @@ private:
 
     std::string m_path;
     int m_file;
+    bool m_isFollowed = false;
     std::uint64_t m_size = 0;
     std::uint64_t m_read = 0;
     std::uint64_t m_line = 0; ///< the last one that was taken
@@ -219,8 +227,8 @@ private:
 
 } // namespace
 
-std::unique_ptr<Reader> OpenCsv(const std::string& path) {
-    return std::make_unique<CsvReader>(path);
+std::unique_ptr<Reader> OpenCsv(const std::string& path, bool isFollowed) {
+    return std::make_unique<CsvReader>(path, isFollowed);
 }
 
 } // namespace Metrics::tools

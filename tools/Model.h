@@ -103,6 +103,11 @@ struct Run {
     std::vector<Index> children; ///< of each context together, in the order in which it made them
     TextArena texts;
 
+    /// @return nanoseconds since 1970-01-01 UTC. What a damaged file says may wrap.
+    std::int64_t Wall(std::uint64_t stamp) const {
+        return static_cast<std::int64_t>(static_cast<std::uint64_t>(wallOffset) + stamp);
+    }
+
     std::span<const Scope> ScopesOf(const Context& context) const {
         return std::span(scopes).subspan(context.firstScope, context.scopeCount);
     }

@@ -51,7 +51,8 @@ ModelBuilder::ModelBuilder(Names& names, std::string path)
 
 void ModelBuilder::Add(const Event& event) {
     if (m_run.events++ == 0)
-        m_run.wallOffset = event.wall - static_cast<std::int64_t>(event.stamp);
+        m_run.wallOffset =
+            static_cast<std::int64_t>(static_cast<std::uint64_t>(event.wall) - event.stamp);
     m_run.begin = std::min(m_run.begin, event.stamp);
     m_run.end = std::max(m_run.end, event.stamp);
     switch (event.type) {
@@ -79,6 +80,13 @@ void ModelBuilder::Add(const Event& event) {
         AddAttribute(event);
         break;
     }
+}
+
+Index ModelBuilder::Find(std::uint64_t id) const {
+    if (id < m_dense.size() && m_dense[id] != none)
+        return m_dense[id];
+    const auto found = m_sparse.find(id);
+    return found == m_sparse.end() ? none : found->second;
 }
 
 Index ModelBuilder::FindOrAdd(std::uint64_t id) {
@@ -123,6 +131,7 @@ void ModelBuilder::AddLifecycle(const Event& event) {
         }
     } else if (context.closed == never) {
         context.closed = event.stamp;
+        std::erase_if(m_announced, [=](const Announced& a) { return a.context == index; });
     }
 }
 
@@ -167,33 +176,60 @@ void ModelBuilder::EndScope(const Event& event) {
 void ModelBuilder::AddAttribute(const Event& event) {
     const Index index = FindOrAdd(event.context);
     const NameId name = Name(event.first);
-    // What a context records on its first use. It does so in the context that is current, which
-    // need not be itself.
-    if (name == m_cid) {
-        std::uint64_t id = 0;
-        std::from_chars(event.second.data(), event.second.data() + event.second.size(), id);
-        const Index own = FindOrAdd(id);
-        Context& context = m_run.contexts[own];
-        if (id != 0 && context.name == noName) {
-            context.tid = m_run.contexts[index].tid;
-            m_announced.push_back({index, own});
-            return;
-        }
-    } else if (name == m_pid || name == m_tid) {
+    if (name == m_cid && Announce(event, index))
+        return;
+    if (name == m_pid || name == m_tid) {
         Context& context = m_run.contexts[index];
         if (context.name == noName || name == m_pid) {
             (name == m_pid ? m_run.pid : context.tid) = ToThread(event.second);
             return;
         }
+        m_foreignTid = {index, ToThread(event.second), m_run.attributes.size()};
     }
     m_run.attributes.push_back({event.stamp, index, name, m_run.texts.Keep(event.second)});
 }
 
+/// What a context records on its first use ends in its cid. It does so in the context that is
+/// current, which need not be itself.
+/// @return whether that is what this is: applications have attributes of this name too.
+bool ModelBuilder::Announce(const Event& event, Index index) {
+    const std::int64_t id = ToThread(event.second);
+    const Index own = id <= 0 ? none : Find(static_cast<std::uint64_t>(id));
+    if (own == none || m_run.contexts[own].name != noName)
+        return false;
+    Context& context = m_run.contexts[own];
+    if (own != index) {
+        if (context.opened == never || context.closed != never)
+            return false;
+        context.tid = m_run.contexts[index].tid;
+        if (m_foreignTid.in == index) { // it need not be the thread that first used this one
+            context.tid = m_foreignTid.tid;
+            if (m_foreignTid.attribute + 1 == m_run.attributes.size())
+                m_run.attributes.pop_back();
+        }
+    }
+    m_announced.push_back({index, own});
+    return true;
+}
+
 Run ModelBuilder::Finish(Damage damage) {
     m_run.damage = std::move(damage);
+    CutCircles();
     SettleParents();
     GroupByContext();
     return std::move(m_run);
+}
+
+/// A damaged file may hold contexts that are their own ancestors; nobody could walk through them.
+void ModelBuilder::CutCircles() {
+    std::vector<Index> seenFrom(m_run.contexts.size(), none);
+    for (Index i = 0; i < seenFrom.size(); ++i) {
+        Index at = i;
+        for (; at != none && seenFrom[at] == none; at = m_run.contexts[at].parent)
+            seenFrom[at] = i;
+        if (at != none && seenFrom[at] == i)
+            m_run.contexts[at].parent = m_run.contexts[at].openedIn = none;
+    }
 }
 
 void ModelBuilder::SettleParents() {

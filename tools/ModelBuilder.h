@@ -25,13 +25,16 @@ public:
     Run Finish(Damage damage);
 
 private:
+    Index Find(std::uint64_t id) const;
     Index FindOrAdd(std::uint64_t id);
     void AddLifecycle(const Event& event);
     void AddScope(const Event& event);
     void EndScope(const Event& event);
     void AddAttribute(const Event& event);
+    bool Announce(const Event& event, Index index);
     NameId Name(std::string_view text);
 
+    void CutCircles();
     void SettleParents();
     void GroupByContext();
 
@@ -48,6 +51,12 @@ private:
         Index context;
     };
     std::vector<Announced> m_announced;
+    /// The last tid that was recorded in a context which had its own already.
+    struct {
+        Index in = none;
+        std::int64_t tid = noThread;
+        std::size_t attribute = 0; ///< stands here, lest it is the application's own
+    } m_foreignTid;
     NameId m_pid;
     NameId m_tid;
     NameId m_cid;

@@ -66,8 +66,7 @@ public:
         return id == noName ? std::string_view() : m_texts[id];
     }
 
-    // As containers have it. NOLINTNEXTLINE(readability-identifier-naming)
-    std::size_t size() const { return m_texts.size(); }
+    std::size_t Size() const { return m_texts.size(); }
 
 private:
     TextArena m_arena;

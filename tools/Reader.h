@@ -47,8 +47,10 @@ public:
 };
 
 /// Reads the raw client's CSV file, of which docs/csv-format.md tells; "-" is the standard input.
-/// @throws ReadError when it cannot be opened, or does not begin with the header.
-std::unique_ptr<Reader> OpenCsv(const std::string& path);
+/// @param isFollowed whether Read() does without what a pipe does not have yet.
+/// @throws ReadError when it cannot be opened, or nothing near its beginning is the header or an
+/// event.
+std::unique_ptr<Reader> OpenCsv(const std::string& path, bool isFollowed = false);
 
 } // namespace Metrics::tools
 

@@ -60,7 +60,7 @@ void ProgressLine::Clear() {
 
 namespace {
 
-constexpr std::initializer_list<int> endings{SIGINT, SIGTERM, SIGHUP};
+constexpr std::initializer_list<int> endings{SIGINT, SIGQUIT, SIGTERM, SIGHUP};
 
 // What the signal handler writes to.
 std::array<int, 2> wakeUp{-1, -1};
@@ -86,16 +86,18 @@ LiveScreen::LiveScreen(bool isWanted) {
         m_hasKeys = true;
         termios keys = settings;
         keys.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
+        keys.c_cc[VSUSP] = _POSIX_VDISABLE; // it would leave the terminal as it is
         tcsetattr(STDIN_FILENO, TCSANOW, &keys);
     }
-    std::fputs("\033[?1049h\033[?25l", stdout); // another screen, and no cursor
+    // Another screen, no cursor, and long lines end at the edge.
+    std::fputs("\033[?1049h\033[?25l\033[?7l", stdout);
     std::fflush(stdout);
 }
 
 LiveScreen::~LiveScreen() {
     if (!m_isTerminal)
         return;
-    std::fputs("\033[?25h\033[?1049l", stdout);
+    std::fputs("\033[?7h\033[?25h\033[?1049l", stdout);
     std::fflush(stdout);
     if (m_hasKeys)
         tcsetattr(STDIN_FILENO, TCSANOW, &settings);

@@ -34,9 +34,9 @@ private:
     bool m_isShown = false;
 };
 
-/// What is shown again and again in the same place, until SIGINT, SIGTERM, SIGHUP or the key q. The
-/// terminal's contents and settings are as before when it goes. Where there is no terminal, what is
-/// shown follows one after the other.
+/// What is shown again and again in the same place, until SIGINT, SIGQUIT, SIGTERM, SIGHUP or the
+/// key q. The terminal's contents and settings are as before when it goes. Where there is no
+/// terminal, what is shown follows one after the other.
 ///
 /// There is one at a time: signals are of the whole process.
 class LiveScreen {

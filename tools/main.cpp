@@ -12,11 +12,14 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <iostream>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -41,7 +44,7 @@ struct Options {
 /// Loads, and tells of problems as they come up.
 class Loader {
 public:
-    Model Load(const std::vector<std::string>& files) {
+    Model Load(const Options& options) {
         ProgressLine progress;
         LoadObserver observer;
         observer.problem = [&](const std::string& message) {
@@ -51,8 +54,10 @@ public:
         observer.progress = [&](const std::string& path, double share) {
             progress.Show("reading " + path, share);
         };
-        Model model = Metrics::tools::Load(files, observer);
-        m_isComplete = model.runs.size() == files.size();
+        Model model = Metrics::tools::Load(options.files, observer);
+        m_isComplete = model.runs.size() == options.files.size();
+        if (!options.request.empty() && !HasContext(model, options.request))
+            observer.problem("no context has the name '" + options.request + "'");
         return model;
     }
 
@@ -60,6 +65,15 @@ public:
     bool IsComplete() const { return m_isComplete; }
 
 private:
+    static bool HasContext(const Model& model, const std::string& name) {
+        const NameId wanted = model.names.Find(name);
+        return wanted != noName &&
+               std::any_of(model.runs.begin(), model.runs.end(), [=](auto& run) {
+                   return std::any_of(run.contexts.begin(), run.contexts.end(),
+                                      [=](auto& context) { return context.name == wanted; });
+               });
+    }
+
     bool m_isComplete = true;
 };
 
@@ -110,7 +124,7 @@ void AddAll(CLI::App* command, Options& options) {
 
 int RunReport(const Options& options) {
     Loader loader;
-    const Model model = loader.Load(options.files);
+    const Model model = loader.Load(options);
     if (model.runs.empty())
         return failed;
     Print(options, MakeReport(model, options.request), model.names);
@@ -120,7 +134,7 @@ int RunReport(const Options& options) {
 int RunSlow(const Options& options, std::size_t count, std::optional<std::uint64_t> root,
             bool withEvents) {
     Loader loader;
-    const Model model = loader.Load(options.files);
+    const Model model = loader.Load(options);
     if (!loader.IsComplete())
         return failed;
     std::vector<ContextTree> trees;
@@ -147,7 +161,7 @@ int RunSlow(const Options& options, std::size_t count, std::optional<std::uint64
 
 int RunDiff(const Options& options, double drift) {
     Loader loader;
-    const Model model = loader.Load(options.files);
+    const Model model = loader.Load(options);
     if (!loader.IsComplete())
         return failed;
     Print(options, MakeDiff(model, {options.request, drift / 100}), model.names);
@@ -156,7 +170,7 @@ int RunDiff(const Options& options, double drift) {
 
 int RunCheck(const Options& options) {
     Loader loader;
-    const Model model = loader.Load(options.files);
+    const Model model = loader.Load(options);
     if (!loader.IsComplete())
         return failed;
     const Check check = MakeCheck(model);
@@ -165,7 +179,7 @@ int RunCheck(const Options& options) {
 }
 
 int RunTop(const Options& options, double seconds, std::uint64_t times) {
-    const std::unique_ptr<Reader> reader = OpenCsv(options.files.front());
+    const std::unique_ptr<Reader> reader = OpenCsv(options.files.front(), true);
     EventBatch batch;
     TopFollower follower;
     LiveScreen screen(!options.asJson);
@@ -191,8 +205,10 @@ int RunTop(const Options& options, double seconds, std::uint64_t times) {
 }
 
 int RunTimeline(const Options& options, std::uint64_t keep, const std::string& path) {
+    if (options.asJson && path == "-")
+        throw std::runtime_error("--json and `-o -` both need the standard output");
     Loader loader;
-    const Model model = loader.Load(options.files);
+    const Model model = loader.Load(options);
     if (model.runs.empty())
         return failed;
     const Timeline timeline = MakeTimeline(model, {options.request, keep});
@@ -290,6 +306,11 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "metrics: %s\n", error.what());
         return failed;
     }
+    errno = 0;
     std::cout.flush();
-    return std::cout ? status : failed;
+    if (std::cout)
+        return status;
+    if (errno != EPIPE)
+        std::fputs("metrics: cannot write to the standard output\n", stderr);
+    return failed;
 }

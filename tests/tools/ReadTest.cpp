@@ -1,6 +1,9 @@
 #include "Recording.h"
 
 #include <analysis/Check.h>
+#include <analysis/Diff.h>
+#include <analysis/Report.h>
+#include <analysis/Slow.h>
 
 #include <gtest/gtest.h>
 
@@ -102,6 +105,12 @@ TEST(ReadTest, KnowsWhatIsNoFileOfEvents) {
     EXPECT_EQ(problemsOf(""), 1U);
     EXPECT_EQ(problemsOf("name,age\nx,7\n"), 1U);
     EXPECT_EQ(problemsOf(std::string(100'000, '\0')), 1U);
+
+    // Other output may stand in front.
+    const Model model = LoadTexts({"hello\nworld\n" + Recording().Text()});
+    ASSERT_EQ(model.runs.size(), 1U);
+    EXPECT_EQ(model.runs[0].events, 2U);
+    EXPECT_EQ(model.runs[0].damage.unreadableLines, (std::vector<std::uint64_t>{1, 2, 3}));
 }
 
 TEST(ReadTest, TakesEveryLineWhereverTheBlocksEnd) {
@@ -136,6 +145,15 @@ TEST(ReadTest, FindsNamesAndThreadsWhereTheyWereRecorded) {
     recording.Begin(4, 2, "inner");
     recording.Event(5, 2, 8, "tid", 5); // an application's own
     recording.Line(recording.Head(6, 9'000'000'000'000, 5) + "far,0");
+    // So is 4, on another thread than that of 2.
+    recording.Open(7, 4, 2);
+    recording.Event(7, 2, 8, "pid", 4000);
+    recording.Event(7, 2, 8, "tid", 78);
+    recording.Event(7, 2, 8, "cid", 4);
+    recording.Begin(7, 2, "elsewhere");
+    recording.Create(8, 6, 2);
+    recording.Event(8, 2, 8, "cid", 6); // an application's own, too
+    recording.Begin(9, 2, "later");
     const Model model = LoadTexts({recording.Text()});
     const auto& run = model.runs.at(0);
     const auto context = [&](std::uint64_t id) {
@@ -149,10 +167,30 @@ TEST(ReadTest, FindsNamesAndThreadsWhereTheyWereRecorded) {
     EXPECT_EQ(context(2).tid, 77);
     EXPECT_EQ(context(3).tid, 77);
     EXPECT_EQ(context(1).name, noName);
-    ASSERT_EQ(run.attributes.size(), 1U);
+    EXPECT_EQ(model.names[context(4).name], "elsewhere");
+    EXPECT_EQ(context(4).tid, 78);
+    EXPECT_EQ(context(6).name, noName);
+    ASSERT_EQ(run.attributes.size(), 2U);
     EXPECT_EQ(run.attributes[0].value, "5");
+    EXPECT_EQ(run.attributes[1].value, "6");
     EXPECT_EQ(context(9'000'000'000'000).scopeCount, 1U);
     EXPECT_EQ(run.pid, 4000);
+}
+
+TEST(ReadTest, EndsWhereContextsAreEachOthersParents) {
+    Recording recording;
+    for (const Recording::Id id : {2, 3}) {
+        recording.Open(1, id, 5 - id);
+        recording.Use(1, id, "round", 7);
+    }
+    for (const Recording::Id id : {2, 3}) {
+        recording.End(5, id, "round");
+        recording.Close(5, id, 5 - id);
+    }
+    const Model model = LoadTexts({recording.Text(), recording.Text()});
+    EXPECT_EQ(MakeReport(model, "round").requests.at(0).durations.count, 4U);
+    EXPECT_EQ(FindSlow(model, 1, "round").size(), 1U);
+    EXPECT_TRUE(MakeDiff(model).changes.empty());
 }
 
 } // namespace Metrics::tools::test

@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <cmath>
 #include <map>
 #include <random>
@@ -163,7 +165,8 @@ TEST(ReportTest, EveryNumberIsThatOfTheSchedule) {
 }
 
 TEST(ReportTest, TheTailIsWhatItsRequestsHaveMoreOf) {
-    // Requests of 1000 to 1999 ns of work, of which the last 10 wait for a task for long.
+    // Requests of next to nothing, and of 1440 to 1999 ns of work, of which the last 10 wait for a
+    // task for long.
     Recording recording;
     Recording::Stamp now = 0;
     for (Recording::Id i = 0; i < 1000; ++i) {
@@ -175,7 +178,7 @@ TEST(ReportTest, TheTailIsWhatItsRequestsHaveMoreOf) {
         now += i < 990 ? 100 : 5000;
         recording.Open(now, request + 1, request);
         recording.Use(now, request + 1, "task", 2);
-        now += 1000 + i;
+        now += i < 440 ? 10 : 1000 + i;
         recording.End(now, request + 1, "task");
         recording.Close(now, request + 1, request);
         recording.End(now, request, "get");
@@ -270,6 +273,7 @@ TEST(ReportTest, FilesAreAlignedByTheWallClock) {
     };
     EXPECT_EQ(most(base + 3000), 6U);
     EXPECT_EQ(most(base + 9000), 3U);
+    EXPECT_EQ(most(base + 4000), 3U) << "one is opened in the moment in which another is created";
 }
 
 TEST(CheckTest, TellsWhatIsMissing) {
@@ -279,6 +283,7 @@ TEST(CheckTest, TellsWhatIsMissing) {
     recording.Begin(2, 2, "outer");
     recording.Begin(3, 2, "inner");
     recording.End(4, 2, "inner");
+    recording.Begin(4, 2, "innermost");
     recording.Create(5, 3, 2); // lost
     recording.Create(6, 4, 2);
     recording.Open(7, 4, 2); // open, and never used
@@ -290,11 +295,15 @@ TEST(CheckTest, TellsWhatIsMissing) {
     ASSERT_EQ(check.openAtEnd.size(), 2U);
     EXPECT_EQ(check.openAtEnd[0].context, 2U);
     EXPECT_EQ(model.names[check.openAtEnd[0].name], "request");
-    EXPECT_EQ(model.names[check.openAtEnd[0].scope], "outer");
+    EXPECT_EQ(model.names[check.openAtEnd[0].scope], "innermost");
     EXPECT_EQ(check.openAtEnd[1].scope, noName);
     EXPECT_EQ(check.unmatchedScopes, 0U);
     EXPECT_FALSE(check.IsWell());
     EXPECT_TRUE(MakeCheck(LoadTexts({Recording().Text()})).IsWell()) << "the client's own is none";
+    const std::string whole = Recording().Text();
+    for (const char* const one : {"1,1.0,0,2,0,2\n", "1,1.0,0,3,0,2\n", "1,1.0,1,6,x,0\n", "x\n",
+                                  "1,1.0,0,7,lost,1\n", "1"})
+        EXPECT_FALSE(MakeCheck(LoadTexts({whole + one})).IsWell()) << one;
 }
 
 TEST(SlowTest, ShowsTheSlowestAsTrees) {
@@ -338,6 +347,7 @@ TEST(TopTest, CountsWhatCameSinceTheLastLook) {
     recording.Open(10, 2, 1);
     recording.Use(10, 2, "get", 1);
     recording.Begin(20, 2, "work");
+    recording.Begin(20, 2, "work");
     const TemporaryFile file(recording.Text());
     const std::unique_ptr<Reader> reader = OpenCsv(file.Path());
     TopFollower follower;
@@ -349,7 +359,7 @@ TEST(TopTest, CountsWhatCameSinceTheLastLook) {
         return follower.Take();
     };
     Top top = look();
-    EXPECT_EQ(top.events, 9U);
+    EXPECT_EQ(top.events, 10U);
     EXPECT_EQ(top.interval, 20U);
     ASSERT_EQ(top.inFlight.size(), 1U);
     EXPECT_EQ(top.inFlight[0].name, "get");
@@ -358,6 +368,7 @@ TEST(TopTest, CountsWhatCameSinceTheLastLook) {
 
     // The file grows, in the middle of a line at first.
     Recording more;
+    more.End(40, 2, "work");
     more.End(50, 2, "work");
     more.Create(55, 3, 2);
     more.End(60, 2, "get");
@@ -368,7 +379,7 @@ TEST(TopTest, CountsWhatCameSinceTheLastLook) {
     EXPECT_EQ(look().events, 0U);
     out << text.substr(20) << std::flush;
     top = look();
-    EXPECT_EQ(top.events, 4U);
+    EXPECT_EQ(top.events, 5U);
     EXPECT_EQ(top.interval, 40U);
     EXPECT_EQ(top.requestsEnded, 1U);
     EXPECT_EQ(top.waiting, 1U);
@@ -376,6 +387,24 @@ TEST(TopTest, CountsWhatCameSinceTheLastLook) {
     ASSERT_EQ(top.labels.size(), 2U);
     EXPECT_EQ(top.labels[0].label, "get");
     EXPECT_EQ(top.labels[1].max, 30U);
+    EXPECT_EQ(top.labels[1].ended, 2U);
+    EXPECT_EQ(top.labels[1].total, 30U); // the inner one is part of it
+}
+
+TEST(TopTest, DoesNotWaitForWhatAPipeDoesNotHave) {
+    const std::string path = "tools-" + std::to_string(getpid()) + ".fifo";
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    std::fstream writer(path); // both ways, so that nobody waits
+    const std::string text = Recording().Text();
+    writer << text << std::flush;
+    const std::unique_ptr<Reader> reader = OpenCsv(path, true);
+    std::remove(path.c_str());
+    EventBatch batch;
+    ASSERT_TRUE(reader->Read(batch));
+    EXPECT_EQ(batch.events.size(), 2U);
+    EXPECT_FALSE(reader->Read(batch));
+    writer << "9,1.000000,0,4,0,1\n" << std::flush;
+    EXPECT_TRUE(reader->Read(batch));
 }
 
 } // namespace Metrics::tools::test

@@ -61,6 +61,8 @@ says '"open_at_end": [' '"scope": "get, <b>"' $'"unreadable_lines": [\n    11\n 
 says 'damaged.csv:11: not an event'
 expect 0 "$metrics" report damaged.csv
 says '9 events'
+expect 0 "$metrics" slow --root 2 --json damaged.csv # open at its end
+says '"duration_ns": null' '"tid": 8'
 
 # What cannot be used.
 echo 'some text' >other.txt
@@ -75,6 +77,11 @@ expect 2 "$metrics" report
 expect 2 "$metrics" report --nonsense run.csv
 expect 2 "$metrics" top missing.csv
 expect 2 sh -c "'$metrics' report run.csv >/dev/full"
+says 'cannot write to the standard output'
+expect 0 "$metrics" slow --request nobody run.csv
+says "no context has the name 'nobody'"
+expect 2 "$metrics" timeline run.csv --json -o -
+says 'both need the standard output'
 expect 0 "$metrics" --help
 says report slow diff check top
 expect 0 sh -c "'$metrics' report run.csv | head -n 1" # which may end early
@@ -90,14 +97,15 @@ says '{"interval_ns":5900,"events":13,' '{"interval_ns":0,"events":0,'
 if command -v script >/dev/null; then
     export TERM=xterm
     unset NO_COLOR
-    on_terminal() { expect "$1" script -qec "stty rows 24 cols 90; $2" typescript </dev/null; }
+    on_terminal() { expect "$1" script -qefc "stty rows 24 cols 90; $2" typescript </dev/null; }
     on_terminal 0 "$metrics report run.csv"
     says "${escape}[1m"
     NO_COLOR=1 on_terminal 0 "$metrics report run.csv"
     no_colors
-    for ending in "-n 2 -d 0.01" "-d 0.01 & sleep 0.2; kill -INT \$!; wait \$!"; do
+    # shellcheck disable=SC2016 # for the other shell
+    for ending in "-n 2 -d 0.01" '-d 0.01 & until grep -q 1049h typescript; do sleep 0.02; done; kill -INT $!; wait $!'; do
         on_terminal 0 "set -m; stty -a >before; $metrics top run.csv $ending; stty -a >after"
-        says "${escape}[?1049h" "${escape}[?25l" "${escape}[?25h${escape}[?1049l"
+        says "${escape}[?1049h" "${escape}[?25l" "${escape}[?7h${escape}[?25h${escape}[?1049l"
         cmp before after || fail "the terminal is not as it was"
     done
 fi

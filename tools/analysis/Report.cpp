@@ -17,7 +17,7 @@ using SelfTimesByRun = std::vector<std::vector<std::uint64_t>>;
 template <class Item>
 class ByName {
 public:
-    explicit ByName(const Model& model) : m_items(model.names.size() + 1) {}
+    explicit ByName(const Model& model) : m_items(model.names.Size() + 1) {}
 
     Item& operator[](NameId name) { return m_items[name == noName ? m_items.size() - 1 : name]; }
 
@@ -93,8 +93,8 @@ void AddTail(const Model& model, const SelfTimesByRun& self, NameId name,
         return;
     const auto begin = static_cast<std::ptrdiff_t>(report.tail.size());
     double difference = 0;
-    for (NameId i = 0; i <= model.names.size(); ++i) {
-        const NameId part = i == model.names.size() ? Report::TailPart::waiting : i;
+    for (NameId i = 0; i <= model.names.Size(); ++i) {
+        const NameId part = i == model.names.Size() ? Report::TailPart::waiting : i;
         const Nanoseconds medianTime = median.Mean(part);
         const Nanoseconds tailTime = tail.Mean(part);
         if (medianTime == 0 && tailTime == 0)
@@ -182,9 +182,9 @@ void AddHandovers(const Model& model, Report& report) {
                 waits.times.push_back(context.Wait());
             if (context.opened != never && context.Wait() == 0)
                 continue; // waiting at no moment
-            waits.starts.push_back(run.wallOffset + static_cast<std::int64_t>(context.created));
+            waits.starts.push_back(run.Wall(context.created));
             if (context.opened != never)
-                waits.ends.push_back(run.wallOffset + static_cast<std::int64_t>(context.opened));
+                waits.ends.push_back(run.Wall(context.opened));
         }
     byName.ForEach([&](NameId name, Waits& waits) {
         if (waits.times.empty())
@@ -245,10 +245,11 @@ Report MakeReport(const Model& model, const std::string& request) {
         self.push_back(SelfTimes(run));
         if (run.events == 0)
             continue;
-        begin = std::min(begin, run.wallOffset + static_cast<std::int64_t>(run.begin));
-        end = std::max(end, run.wallOffset + static_cast<std::int64_t>(run.end));
+        begin = std::min(begin, run.Wall(run.begin));
+        end = std::max(end, run.Wall(run.end));
     }
-    report.elapsed = end > begin ? static_cast<Nanoseconds>(end - begin) : 0;
+    report.elapsed =
+        end > begin ? static_cast<Nanoseconds>(end) - static_cast<Nanoseconds>(begin) : 0;
     AddRequests(model, self, request, report);
     AddLabels(model, self, report);
     AddHandovers(model, report);

@@ -65,8 +65,13 @@ void TopFollower::EndScope(const Event& event) {
                                     [=](const OpenScope& open) { return open.label == label; });
     if (scope == scopes.rend())
         return;
-    m_ended[label].push_back(event.stamp - std::min(event.stamp, scope->start));
+    const Nanoseconds duration = event.stamp - std::min(event.stamp, scope->start);
     scopes.erase(std::next(scope).base());
+    Ended& ended = m_ended[label];
+    ended.durations.push_back(duration);
+    const bool isRecursive = std::any_of(
+        scopes.begin(), scopes.end(), [=](const OpenScope& open) { return open.label == label; });
+    ended.total += isRecursive ? 0 : duration;
 }
 
 Top TopFollower::Take() {
@@ -81,9 +86,9 @@ Top TopFollower::Take() {
     top.requestP99 = requests.p99;
     m_requests.clear();
 
-    for (auto& [label, durations] : m_ended) {
-        const Distribution scopes = Distribute(durations);
-        top.labels.push_back({std::string(m_names[label]), scopes.count, scopes.sum, scopes.p50,
+    for (auto& [label, ended] : m_ended) {
+        const Distribution scopes = Distribute(ended.durations);
+        top.labels.push_back({std::string(m_names[label]), scopes.count, ended.total, scopes.p50,
                               scopes.p99, scopes.max});
     }
     m_ended.clear();

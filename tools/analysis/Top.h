@@ -18,7 +18,7 @@ struct Top {
     struct Label {
         std::string label;
         std::uint64_t ended = 0; ///< scopes
-        Nanoseconds total = 0;
+        Nanoseconds total = 0;   ///< without what lies inside of the same label
         std::optional<Nanoseconds> p50;
         std::optional<Nanoseconds> p99;
         Nanoseconds max = 0;
@@ -74,7 +74,11 @@ private:
     std::uint64_t m_lastTake = 0; ///< and what it was
     std::uint64_t m_events = 0;   ///< since then, as what follows
     std::vector<Nanoseconds> m_requests;
-    std::unordered_map<NameId, std::vector<Nanoseconds>> m_ended;
+    struct Ended {
+        std::vector<Nanoseconds> durations;
+        Nanoseconds total = 0;
+    };
+    std::unordered_map<NameId, Ended> m_ended;
 };
 
 } // namespace Metrics::tools

@@ -163,7 +163,7 @@ private:
 class TextTable {
 public:
     TextTable(const Names& names, std::vector<std::string_view>& texts)
-        : m_names(&names), m_texts(&texts), m_named(names.size(), none) {}
+        : m_names(&names), m_texts(&texts), m_named(names.Size(), none) {}
 
     Timeline::TextId Add(NameId name) {
         if (name == noName)
@@ -471,12 +471,12 @@ Timeline MakeTimeline(const Model& model, const TimelineOptions& options) {
     std::int64_t last = std::numeric_limits<std::int64_t>::min();
     for (const Run& run : model.runs)
         if (run.begin != never) {
-            first = std::min(first, static_cast<std::int64_t>(run.begin) + run.wallOffset);
-            last = std::max(last, static_cast<std::int64_t>(run.end) + run.wallOffset);
+            first = std::min(first, run.Wall(run.begin));
+            last = std::max(last, run.Wall(run.end));
         }
     if (first <= last) {
         timeline.wallStart = first;
-        timeline.duration = static_cast<std::uint64_t>(last - first);
+        timeline.duration = static_cast<std::uint64_t>(last) - static_cast<std::uint64_t>(first);
     }
 
     Selection selection(model, options);
@@ -488,7 +488,8 @@ Timeline MakeTimeline(const Model& model, const TimelineOptions& options) {
         const Run& run = model.runs[i];
         timeline.processes.push_back({texts.Add(run.path), run.pid});
         // Differences of times are small, whatever the clocks stand at: let them wrap.
-        const auto shift = static_cast<std::uint64_t>(run.wallOffset - timeline.wallStart);
+        const auto shift = static_cast<std::uint64_t>(run.wallOffset) -
+                           static_cast<std::uint64_t>(timeline.wallStart);
         LaneMaker(run, shift, selection.pieces[i], texts, timeline, rest).Make();
     }
     MeasureRest(rest, timeline);

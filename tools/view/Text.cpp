@@ -74,9 +74,15 @@ std::string Percent(double share) {
 /// A text of the file, in which a control character could upset the terminal.
 std::string Printable(std::string_view text) {
     std::string printable(text);
-    for (char& c : printable)
-        if (static_cast<unsigned char>(c) < ' ' || c == '\177')
-            c = '?';
+    for (std::size_t i = 0; i < printable.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(printable[i]);
+        const auto next =
+            static_cast<unsigned char>(printable[std::min(i + 1, printable.size() - 1)]);
+        if (byte < ' ' || byte == 0x7F)
+            printable[i] = '?';
+        else if (byte == 0xC2 && next >= 0x80 && next < 0xA0) // the same again in UTF-8
+            printable.replace(i, 2, "?");
+    }
     return printable;
 }
 
@@ -179,8 +185,8 @@ private:
     std::size_t Column(std::uint64_t time) const {
         const double share = static_cast<double>(Between(m_begin, time)) /
                              static_cast<double>(std::max<std::uint64_t>(m_end - m_begin, 1));
-        const auto column = static_cast<std::size_t>(share * static_cast<double>(m_columns));
-        return std::min(column, m_columns - 1);
+        const double most = static_cast<double>(m_columns) - 1;
+        return static_cast<std::size_t>(std::min(share * static_cast<double>(m_columns), most));
     }
 
     /// The end of a bar that is one column wide at least.
@@ -224,19 +230,12 @@ public:
              Colored(*m_style, bold, what) + Colored(*m_style, dim, rest));
         if (m_style->withEvents)
             PrintEvents(tree, depth + 1);
-        for (const ScopeTree& scope : tree.scopes)
-            Print(scope, context, depth + 1);
-        for (std::size_t i = 0; i < tree.children.size(); ++i) {
-            if (m_style->mostRows != 0 && i == m_style->mostRows) {
-                Line(std::string(m_bars.Width(), ' '), "",
-                     std::string(2 * (depth + 1), ' ') +
-                         Colored(*m_style, dim,
-                                 "and " + Count(tree.children.size() - i) +
-                                     " more children; --all shows them"));
-                break;
-            }
+        for (std::size_t i = 0;
+             i < tree.scopes.size() && !Ends(i, tree.scopes.size(), "scopes", depth + 1); ++i)
+            Print(tree.scopes[i], context, depth + 1);
+        for (std::size_t i = 0;
+             i < tree.children.size() && !Ends(i, tree.children.size(), "children", depth + 1); ++i)
             Print(tree.children[i], depth + 1);
-        }
     }
 
 private:
@@ -248,8 +247,21 @@ private:
                  tree.scope->IsWhole() ? Time(tree.scope->Duration()) : "-",
                  std::string(2 * depth, ' ') + NameOf(*m_names, tree.scope->label) +
                      (tree.scope->end == never ? "  no end" : ""));
-        for (const ScopeTree& inner : tree.scopes)
-            Print(inner, context, isOwn ? depth : depth + 1);
+        const std::size_t below = isOwn ? depth : depth + 1;
+        for (std::size_t i = 0;
+             i < tree.scopes.size() && !Ends(i, tree.scopes.size(), "scopes", below); ++i)
+            Print(tree.scopes[i], context, below);
+    }
+
+    /// @return whether no more of so many things are shown, having said so.
+    bool Ends(std::size_t shown, std::size_t all, const char* things, std::size_t depth) {
+        if (m_style->mostRows == 0 || shown != m_style->mostRows)
+            return false;
+        Line(std::string(m_bars.Width(), ' '), "",
+             std::string(2 * depth, ' ') +
+                 Colored(*m_style, dim,
+                         "and " + Count(all - shown) + " more " + things + "; --all shows them"));
+        return true;
     }
 
     void PrintEvents(const ContextTree& tree, std::size_t depth) {
