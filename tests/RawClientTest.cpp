@@ -227,7 +227,7 @@ TEST(RawClient, WritesWhatHappensWhileItIsOpen) {
 )");
     EXPECT_TRUE(client.Open()); // 5
     EXPECT_TRUE(Manager().Disable());
-    client.Close();
+    EXPECT_FALSE(client.Close(1000)) << "it cannot know that all is in the file";
     EXPECT_EQ(Read(), header + "0,2,0,5\n0,3,0,5\n");
     std::remove(filePath.c_str());
 }

@@ -131,12 +131,17 @@ TEST(Mnemonics, NameTheBits) {
     EXPECT_EQ(bit, 50);
 
     using List = std::tuple<const char*, std::uint64_t, const char*>;
-    const List lists[] = {
-        {"all,highvol", 0xFFFFFFFFFFFF1000, ""},     {"act,net", 0x40010000, ""},
-        {"act,all", 0xFFFFFFFFFFFF0000, ""},         {"", 0, ""},
-        {"foo,bar,act,foo", 0x10000, "foo,bar,foo"}, {"act, net", 0x10000, " net"},
-        {",act,,net,act,", 0x40010000, ""},          {"ACT,Act", 0, "ACT,Act"},
-        {"foo,,act,net", 0x40010000, "foo,"},        {"ac,actt", 0, "ac,actt"}};
+    const List lists[] = {{"all,highvol", 0xFFFFFFFFFFFF1000, ""},
+                          {"act,net", 0x40010000, ""},
+                          {"act,all", 0xFFFFFFFFFFFF0000, ""},
+                          {"", 0, ""},
+                          {"foo,bar,act,foo", 0x10000, "foo,bar,foo"},
+                          {"act, net", 0x10000, " net"},
+                          {",act,,net,act,", 0x40010000, ""},
+                          {"ACT,Act", 0, "ACT,Act"},
+                          {"foo,,act,net", 0x40010000, "foo,"},
+                          {"ac,actt", 0, "ac,actt"},
+                          {"nosuch,", 0, "nosuch,"}};
     for (const auto& [list, bits, unknown] : lists) {
         EXPECT_EQ(GetMetricsBitsFromMnemonicList(list), bits) << list;
         EXPECT_EQ(ValidateMnemonicList(list), unknown) << list;
