@@ -106,7 +106,7 @@ MetricsValue RandomValue() {
     case 5:
     case 6:
     case 7: {
-        static constexpr std::array sizes = {0, 1, 7, 8, 100, 1000};
+        static constexpr std::array<std::size_t, 6> sizes = {0, 1, 7, 8, 100, 1000};
         std::string text(sizes[s_random() % sizes.size()], 'x');
         for (char& c : text)
             c = static_cast<char>(s_random() % 3 == 0 ? s_random() : 'a' + s_random() % 26);

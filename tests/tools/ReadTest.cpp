@@ -179,11 +179,11 @@ TEST(ReadTest, FindsNamesAndThreadsWhereTheyWereRecorded) {
 
 TEST(ReadTest, EndsWhereContextsAreEachOthersParents) {
     Recording recording;
-    for (const Recording::Id id : {2, 3}) {
+    for (const Recording::Id id : {2ul, 3ul}) {
         recording.Open(1, id, 5 - id);
         recording.Use(1, id, "round", 7);
     }
-    for (const Recording::Id id : {2, 3}) {
+    for (const Recording::Id id : {2ul, 3ul}) {
         recording.End(5, id, "round");
         recording.Close(5, id, 5 - id);
     }
