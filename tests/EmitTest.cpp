@@ -31,8 +31,9 @@ TEST(Text, ArrivesWholeWhateverItsLengthAndHoweverItIsGiven) {
     Context context(0, 1);
     context.OpenScope();
     const Scope scope("scope", MetricsBits::act);
-    for (const std::size_t size : {0,   1,   2,   3,   4,   7,   8,   9,   15,   16,   17,
-                                   100, 103, 104, 105, 255, 256, 257, 300, 2000, 40000}) {
+    constexpr std::size_t sizes[] = {0,   1,   2,   3,   4,   7,   8,   9,   15,   16,   17,
+                                     100, 103, 104, 105, 255, 256, 257, 300, 2000, 40000};
+    for (const std::size_t size : sizes) {
         SCOPED_TRACE(size);
         std::string text;
         for (std::size_t i = 0; i < size; ++i)
