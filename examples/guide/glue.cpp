@@ -17,10 +17,9 @@
 #include <utility>
 #include <vector>
 
-namespace MetricsBits = Metrics::MetricsBits;
-
 namespace {
 
+// NOLINTBEGIN(concurrency-mt-unsafe): read before there is a second thread
 // [snippet: recording]
 // [snippet: own]
 constexpr std::uint64_t billing = std::uint64_t{1} << 50; // a category of this program
@@ -71,6 +70,7 @@ private:
     bool m_isWanted = false;
 };
 // [end]
+// NOLINTEND(concurrency-mt-unsafe)
 
 class Pool {
 public:

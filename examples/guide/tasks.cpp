@@ -63,6 +63,7 @@ int SumUndisturbed(const Rows& rows) {
 }
 // [end]
 
+// NOLINTBEGIN(readability-identifier-naming): the language gives the names
 // [snippet: coroutine]
 /// Where a coroutine goes on: as a task, on whichever thread takes it.
 struct NextTask {
@@ -97,6 +98,7 @@ Coroutine SumStepByStep(tbb::task_group& group, const Rows& rows, std::atomic<in
     }
 }
 // [end]
+// NOLINTEND(readability-identifier-naming)
 
 int SumInSteps(const Rows& rows) {
     std::atomic<int> sum{0};

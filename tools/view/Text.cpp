@@ -98,7 +98,9 @@ std::size_t Columns(std::string_view text) {
 
 std::string Fill(std::size_t columns, std::string_view text) {
     const std::size_t taken = Columns(text);
-    return std::string(columns > taken ? columns - taken : 0, ' ');
+    std::string fill;
+    fill.resize(columns > taken ? columns - taken : 0, ' ');
+    return fill;
 }
 
 /// A heading, and rows of columns: all to the right but the last.
