@@ -46,7 +46,8 @@ MetricsEvent MakeEvent(const EventHead& head, const Argument& first, const Argum
     MetricsEvent event = MakeEvent(head, first, second);
     PutStamp(stamp, event);
     s_consumers.CallSynchronous(record, event);
-    if (!InForkedChild()) // a consumer has forked, and this is the child
+    // A consumer may have forked, and this be the child; or have ended the library.
+    if (s_life.Accepts())
         record.queue.Append(stamp, head, FromValue(event.param1), FromValue(event.param2));
 }
 
@@ -118,7 +119,7 @@ void Emit(std::shared_ptr<MetricsEvent>&& event) {
     PutStamp(stamp, *event);
     if (s_consumers.HasSynchronous()) [[unlikely]] {
         s_consumers.CallSynchronous(record, *event);
-        if (InForkedChild())
+        if (!s_life.Accepts())
             return;
     }
     record.queue.Append(stamp, std::move(event));

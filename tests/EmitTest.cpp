@@ -55,6 +55,7 @@ TEST(Text, ArrivesWholeWhateverItsLengthAndHoweverItIsGiven) {
         Flush();
         EXPECT_EQ(texts, std::vector<std::string>(20, text));
     }
+    EXPECT_TRUE(Manager().Disable());
 }
 
 TEST(Text, OfALabelIsLetGoOfWhenTheScopeOpensAnew) {
