@@ -59,14 +59,14 @@ protected:
     bool CloseFile(const IMetricsListener* listener, detail::EventFile* file,
                    unsigned int milliseconds) noexcept;
 
-    static constexpr unsigned int usualWait = 5000; // ms
+    static constexpr unsigned int usualWait = 5000; ///< How long Close waits, in milliseconds.
 
-    bool m_isOpen = false;
-    std::unique_ptr<Context> m_context;
-    std::string m_outputFileName;
-    std::uint64_t m_setBits = 0;
-    std::uint64_t m_clearBits = 0;
-    bool m_setBitsAbsolute = false;
+    bool m_isOpen = false;              ///< From a successful Open until Close.
+    std::unique_ptr<Context> m_context; ///< The client's root context, while it is open.
+    std::string m_outputFileName;       ///< The path.
+    std::uint64_t m_setBits = 0;        ///< Categories that Open switches on.
+    std::uint64_t m_clearBits = 0;      ///< Categories that Open switches off.
+    bool m_setBitsAbsolute = false;     ///< Whether m_setBits replaces the mask.
 
 private:
     void AdjustFilterBits();
