@@ -56,8 +56,9 @@ struct ChunkPool::Slab {
     Chunk* At(std::uint32_t number) noexcept {
         return reinterpret_cast<Chunk*>(reinterpret_cast<std::byte*>(this) + number * Chunk::size);
     }
-    static Slab* Of(const Chunk* chunk) noexcept {
-        return reinterpret_cast<Slab*>(reinterpret_cast<std::uintptr_t>(chunk) & ~(size - 1));
+    static Slab* Of(Chunk* chunk) noexcept {
+        return reinterpret_cast<Slab*>(reinterpret_cast<std::byte*>(chunk) -
+                                       (reinterpret_cast<std::uintptr_t>(chunk) & (size - 1)));
     }
     static std::uint32_t NumberOf(const Chunk* chunk) noexcept {
         return static_cast<std::uint32_t>((reinterpret_cast<std::uintptr_t>(chunk) & (size - 1)) /
@@ -70,14 +71,15 @@ struct ChunkPool::Slab {
                                 MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
         if (room == MAP_FAILED)
             return nullptr;
-        const auto begin = reinterpret_cast<std::uintptr_t>(room);
-        const std::uintptr_t aligned = (begin + size - 1) & ~(size - 1);
-        if (aligned != begin)
-            munmap(room, aligned - begin);
-        munmap(reinterpret_cast<void*>(aligned + size), begin + size - aligned);
+        auto* const begin = static_cast<std::byte*>(room);
+        const std::size_t before = -reinterpret_cast<std::uintptr_t>(begin) & (size - 1);
+        std::byte* const aligned = begin + before;
+        if (before != 0)
+            munmap(begin, before);
+        munmap(aligned + size, size - before);
         // A huge page is zeroed whole by whoever touches it first: by an emitter, that is.
-        madvise(reinterpret_cast<void*>(aligned), size, MADV_NOHUGEPAGE);
-        return ::new (reinterpret_cast<void*>(aligned)) Slab(next);
+        madvise(aligned, size, MADV_NOHUGEPAGE);
+        return ::new (aligned) Slab(next);
     }
 };
 
@@ -201,7 +203,7 @@ void ChunkPool::Trim(std::size_t chunks) noexcept {
     if (free <= chunks)
         return;
     for (std::size_t i = chunks; i < free; ++i) {
-        const Chunk* const chunk = Pop();
+        Chunk* const chunk = Pop();
         if (chunk == nullptr)
             break;
         const std::uint32_t number = Slab::NumberOf(chunk);

@@ -32,7 +32,8 @@ int ToNumber(const std::string& text) {
 }
 
 int Run(const std::vector<std::string>& arguments) {
-    constexpr std::string_view prefix = "--metrics", threadsOption = "--threads=";
+    constexpr std::string_view prefix = "--metrics";
+    constexpr std::string_view threadsOption = "--threads=";
     Metrics::MetricsRawClient client;
     std::vector<std::filesystem::path> files;
     int threads = 4;
