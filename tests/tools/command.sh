@@ -103,9 +103,15 @@ if command -v script >/dev/null; then
     NO_COLOR=1 on_terminal 0 "$metrics report run.csv"
     no_colors
     # shellcheck disable=SC2016 # for the other shell
-    for ending in "-n 2 -d 0.01" '-d 0.01 & until grep -q 1049h typescript; do sleep 0.02; done; kill -INT $!; wait $!'; do
-        on_terminal 0 "set -m; stty -a >before; $metrics top run.csv $ending; stty -a >after"
+    interrupt='{ until grep -q 1049h typescript; do sleep 0.02; done; kill -INT "$(cat pid)"; } &'
+    # shellcheck disable=SC2016
+    echo 'echo $$ >pid; exec "$@"' >in_the_foreground.sh # where top is with people
+    top() {
+        rm -f typescript
+        on_terminal 0 "stty -a >before; $2 sh in_the_foreground.sh $metrics top run.csv $1; stty -a >after"
         says "${escape}[?1049h" "${escape}[?25l" "${escape}[?7h${escape}[?25h${escape}[?1049l"
         cmp before after || fail "the terminal is not as it was"
-    done
+    }
+    top '-n 2 -d 0.01' ''
+    top '-d 0.01' "$interrupt"
 fi
