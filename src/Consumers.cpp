@@ -1,13 +1,18 @@
 #include "Consumers.h"
 
+#include "Faults.h"
 #include "Lifecycle.h"
 
 #include <korsys/NoCancellation.h>
 
 #include <cxxabi.h>
 
+#include <algorithm>
+#include <bit>
+#include <cstdlib>
 #include <memory>
 #include <new>
+#include <typeinfo>
 #include <utility>
 
 namespace Metrics::detail {
@@ -39,20 +44,118 @@ bool IsBeingCalled(const IMetricsListener* listener) noexcept {
 
 } // namespace
 
+// One registration -----------------------------------------------------------------------------
+
+namespace {
+
+/// The name of the listener's class, as it stands in its source. @throws std::bad_alloc
+std::string ClassNameOf(const IMetricsListener& listener) {
+    const char* const name = typeid(listener).name();
+    int status = 0;
+    char* const readable = abi::__cxa_demangle(name, nullptr, nullptr, &status);
+    const std::unique_ptr<char, void (*)(void*)> owner(readable, std::free);
+    return status == 0 ? readable : name;
+}
+
+MetricsConsumerOptions Named(MetricsConsumerOptions options, const IMetricsListener& listener) {
+    if (options.name.empty())
+        options.name = ClassNameOf(listener);
+    return options;
+}
+
+} // namespace
+
+Consumer::Consumer(std::uint64_t b, MetricsListenerPtr&& l, const MetricsConsumerOptions& o)
+    : bits(b),
+      listener(std::move(l)),
+      batch(dynamic_cast<BatchListener*>(listener.Get())),
+      options(Named(o, *listener)) {}
+
+bool Consumer::SetAside() noexcept {
+    // Relaxed: a hint for whoever is about to call it.
+    const bool isNew = !isSetAside.exchange(true, std::memory_order_relaxed);
+    if (isNew)
+        s_faults.NoteSetAside(options.name);
+    return isNew;
+}
+
+void Consumer::Judge(bool hasThrown, std::uint64_t nanoseconds) noexcept {
+    if (options.maxExceptions != 0) {
+        // Relaxed, as above. Written only where something changes, since emitters share it.
+        if (hasThrown) {
+            if (exceptionsInRow.fetch_add(1, std::memory_order_relaxed) + 1 ==
+                options.maxExceptions)
+                SetAside();
+        } else if (exceptionsInRow.load(std::memory_order_relaxed) != 0) {
+            exceptionsInRow.store(0, std::memory_order_relaxed);
+        }
+    }
+    if (options.maxCallMilliseconds != 0 &&
+        nanoseconds > std::uint64_t{options.maxCallMilliseconds} * 1'000'000)
+        SetAside();
+}
+
 // One list -------------------------------------------------------------------------------------
 
-bool ConsumerList::Add(MetricsListenerPtr&& listener, std::uint64_t bits) {
+bool ConsumerList::Add(MetricsListenerPtr&& listener, std::uint64_t bits,
+                       const MetricsConsumerOptions& options) {
     // Made before the lock is taken; freed after it when the list is closed.
-    auto made = std::make_unique<Consumer>(bits, std::move(listener));
+    auto made = std::make_unique<Consumer>(bits, std::move(listener), options);
     const korsys::MutexLock lock(m_lock);
     if (m_isClosed)
         return false;
+    std::uint32_t taken = 0; // slots, a bit each; there is one more than there are counts
     std::atomic<Consumer*>* last = &m_first;
-    while (Consumer* const consumer = last->load(std::memory_order_relaxed))
+    while (Consumer* const consumer = last->load(std::memory_order_relaxed)) {
+        taken |= 1U << consumer->slot;
         last = &consumer->next;
+    }
+    made->registration = ++m_registrations;
+    made->slot = std::min<std::uint32_t>(static_cast<std::uint32_t>(std::countr_one(taken)),
+                                         CallCounts::slots);
     // Release: the registration. Sequentially consistent, see First.
     last->store(made.release(), std::memory_order_seq_cst);
     return true;
+}
+
+void ConsumerList::Describe(bool synchronous, std::vector<MetricsConsumerStatistics>& to) const {
+    const korsys::MutexLock lock(m_lock);
+    for (const Consumer* consumer = First(); consumer != nullptr;
+         consumer = consumer->next.load(std::memory_order_relaxed)) {
+        MetricsConsumerStatistics& it = to.emplace_back();
+        it.name = consumer->options.name;
+        it.bits = consumer->bits;
+        it.synchronous = synchronous;
+        it.setAside = consumer->isSetAside.load(std::memory_order_relaxed);
+        const auto add = [&it](const auto& counts) {
+            it.calls += counts.calls.load(std::memory_order_relaxed);
+            it.exceptions += counts.exceptions.load(std::memory_order_relaxed);
+            it.totalNanoseconds += counts.total.load(std::memory_order_relaxed);
+            it.longestNanoseconds = std::max<std::uint64_t>(
+                it.longestNanoseconds, counts.longest.load(std::memory_order_relaxed));
+        };
+        add(*consumer);
+        if (!synchronous || consumer->slot == CallCounts::slots)
+            continue;
+        for (const ThreadRecord* r = s_threads.First(); r != nullptr; r = r->next) {
+            // Acquire: they were made. The same below: they were reset.
+            const CallCounts* const counts = r->callCounts.load(std::memory_order_acquire);
+            if (counts != nullptr && counts[consumer->slot].registration.load(
+                                         std::memory_order_acquire) == consumer->registration)
+                add(counts[consumer->slot]);
+        }
+    }
+}
+
+std::string ConsumerList::NameOf(const Consumer* consumer) const {
+    const korsys::MutexLock lock(m_lock);
+    for (const Consumer* c = First(); c != nullptr; c = c->next.load(std::memory_order_relaxed))
+        if (c == consumer)
+            return c->options.name;
+    for (const Consumer* c = m_kept; c != nullptr; c = c->nextKept)
+        if (c == consumer)
+            return c->options.name;
+    return {};
 }
 
 Consumer* ConsumerList::Remove(const IMetricsListener* listener) {
@@ -110,9 +213,9 @@ bool Consumers::WaitForCalls(const ConsumerList& list, Deadline deadline) const 
         return s_threads.WaitForCalls(deadline);
     if (t_thread.isDeliveryThread) // which is between two calls, or it would be refused
         return true;
-    const std::uint32_t seen = m_delivery.Read();
+    const std::uint32_t seen = m_delivery.section.Read();
     return !Section::IsInside(seen) ||
-           PollUntil(deadline, [this, seen] { return m_delivery.Read() != seen; });
+           PollUntil(deadline, [this, seen] { return m_delivery.section.Read() != seen; });
 }
 
 Consumers::Removed Consumers::RemoveUntil(const IMetricsListener* listener, Deadline deadline) {
@@ -159,14 +262,15 @@ void Consumers::ResetLocks() noexcept {
 template <class Call>
 void Consumers::CallEach(const ConsumerList& list, const MetricsEvent& event, pid_t emitter,
                          Call call) {
-    for (const Consumer* consumer = list.First(); consumer != nullptr;
+    for (Consumer* consumer = list.First(); consumer != nullptr;
          // Sequentially consistent, as First.
          consumer = consumer->next.load(std::memory_order_seq_cst)) {
         IMetricsListener* const listener = consumer->listener.Get(); // the section keeps it alive
-        if (!PassesMask(event.bits, consumer->bits) || IsBeingCalled(listener))
+        if (!PassesMask(event.bits, consumer->bits) || IsBeingCalled(listener) ||
+            consumer->isSetAside.load(std::memory_order_relaxed))
             continue;
         const FrameGuard frame(listener, emitter);
-        call(*listener);
+        call(*consumer);
         if (InForkedChild())
             return;
     }
@@ -174,63 +278,203 @@ void Consumers::CallEach(const ConsumerList& list, const MetricsEvent& event, pi
 
 namespace {
 
-/// Calls a consumer and drops what it throws.
-void CallQuietly(IMetricsListener& listener, const MetricsEvent& event) {
+/// Calls a consumer and drops what it throws. @return whether it threw.
+bool CallQuietly(Consumer& consumer, const MetricsEvent& event) {
     try {
-        listener.OnMetricsEvent(event);
+        consumer.listener->OnMetricsEvent(event);
+        return false;
     } catch (abi::__forced_unwind&) {
         throw; // glibc ends the thread by it, and it must pass
-    } catch (...) {}
+    } catch (...) {
+        s_faults.NoteException(consumer.options.name);
+        return true;
+    }
+}
+
+/// Where this thread counts its calls of a synchronous consumer; null when it has no place for
+/// that.
+CallCounts* CountsFor(ThreadRecord& record, const Consumer& consumer) noexcept {
+    if (consumer.slot == CallCounts::slots)
+        return nullptr;
+    CallCounts* all = record.callCounts.load(std::memory_order_relaxed); // the thread's own
+    if (all == nullptr) {
+        all = new (std::nothrow) CallCounts[CallCounts::slots];
+        if (all == nullptr)
+            return nullptr;
+        record.callCounts.store(all, std::memory_order_release); // see Describe
+    }
+    CallCounts& counts = all[consumer.slot];
+    const std::uint32_t whose = counts.registration.load(std::memory_order_relaxed);
+    if (whose == consumer.registration)
+        return &counts;
+    if (whose > consumer.registration)
+        return nullptr; // it is being removed, and the slot another one's
+    counts.registration.store(0, std::memory_order_relaxed);
+    for (std::atomic<std::uint64_t>* number :
+         {&counts.calls, &counts.exceptions, &counts.total, &counts.longest})
+        number->store(0, std::memory_order_relaxed);
+    counts.registration.store(consumer.registration, std::memory_order_release); // see Describe
+    return &counts;
+}
+
+void CountSynchronousCall(ThreadRecord& record, Consumer& consumer, bool hasThrown,
+                          std::uint64_t nanoseconds) noexcept {
+    if (CallCounts* const counts = CountsFor(record, consumer)) {
+        Count(counts->calls);
+        Count(counts->exceptions, hasThrown ? 1 : 0);
+        Count(counts->total, nanoseconds);
+        if (nanoseconds > counts->longest.load(std::memory_order_relaxed))
+            counts->longest.store(nanoseconds, std::memory_order_relaxed);
+    } else {
+        consumer.calls.fetch_add(1, std::memory_order_relaxed);
+        consumer.exceptions.fetch_add(hasThrown ? 1 : 0, std::memory_order_relaxed);
+        consumer.total.fetch_add(nanoseconds, std::memory_order_relaxed);
+        std::uint64_t longest = consumer.longest.load(std::memory_order_relaxed);
+        while (nanoseconds > longest && !consumer.longest.compare_exchange_weak(
+                                            longest, nanoseconds, std::memory_order_relaxed)) {}
+    }
+    consumer.Judge(hasThrown, nanoseconds);
 }
 
 } // namespace
 
-void Consumers::CallSynchronous(ThreadRecord& record, const MetricsEvent& event) {
+template <class Call>
+void Consumers::CallSynchronousBy(ThreadRecord& record, const MetricsEvent& event,
+                                  std::uint64_t start, Call call) {
     const korsys::NoCancellation noCancellation; // scopes emit from their destructors
     const SectionGuard guard(record.calls);
     CallEach(m_synchronous, event, record.owner.load(std::memory_order_relaxed),
-             [&event](IMetricsListener& listener) { listener.OnMetricsEvent(event); });
+             [&](Consumer& consumer) {
+                 const auto count = [&](bool hasThrown) {
+                     const std::uint64_t now = StampClock::Ticks();
+                     // A stamp of a coarse clock may lag behind.
+                     CountSynchronousCall(record, consumer, hasThrown,
+                                          now - std::exchange(start, now));
+                 };
+                 try {
+                     count(call(consumer));
+                 } catch (...) {
+                     count(true);
+                     throw;
+                 }
+             });
 }
 
-void Consumers::CallSynchronousQuietly(ThreadRecord& record, const MetricsEvent& event) noexcept {
-    const korsys::NoCancellation noCancellation;
-    const SectionGuard guard(record.calls);
-    CallEach(m_synchronous, event, record.owner.load(std::memory_order_relaxed),
-             [&event](IMetricsListener& listener) { CallQuietly(listener, event); });
+void Consumers::CallSynchronous(ThreadRecord& record, const MetricsEvent& event,
+                                std::uint64_t start) {
+    CallSynchronousBy(record, event, start, [&event](Consumer& consumer) {
+        consumer.listener->OnMetricsEvent(event);
+        return false;
+    });
+}
+
+void Consumers::CallSynchronousQuietly(ThreadRecord& record, const MetricsEvent& event,
+                                       std::uint64_t start) noexcept {
+    CallSynchronousBy(record, event, start,
+                      [&event](Consumer& consumer) { return CallQuietly(consumer, event); });
+}
+
+// The delivery thread's calls ------------------------------------------------------------------
+
+Consumers::Calls::Calls(Consumers& consumers) noexcept
+    : m_consumers(consumers), m_now(consumers.m_delivery), m_start(StampClock::Ticks()) {
+    m_now.since.store(m_start, std::memory_order_relaxed);
+    Enter();
 }
 
 void Consumers::Calls::Enter() noexcept {
-    m_consumers.m_delivery.Enter();
+    m_now.section.Enter();
     m_isInside = true;
-    m_removals = m_consumers.m_asynchronous.Removals();
+    const std::uint32_t removals = m_consumers.m_asynchronous.Removals();
+    if (std::exchange(m_removals, removals) != removals)
+        m_run = 0; // whoever was called last may have gone
 }
 
 void Consumers::Calls::Leave() noexcept {
     if (std::exchange(m_isInside, false))
-        m_consumers.m_delivery.Leave();
+        m_now.section.Leave();
+}
+
+void Consumers::Calls::LetRemovalsGoOn() noexcept {
+    if (m_isInside && m_removals == m_consumers.m_asynchronous.Removals()) [[likely]]
+        return;
+    if (m_isInside && m_run != 0)
+        Account();
+    Leave();
+    Enter();
+}
+
+void Consumers::Calls::Account() noexcept {
+    const std::uint64_t now = StampClock::Ticks();
+    const std::uint64_t elapsed = now - std::exchange(m_start, now);
+    const std::uint64_t mean = elapsed / m_run;
+    m_usual = std::min(mean, m_usual + m_usual / 8 + 1);
+    // All but one of them may have been usual ones.
+    const std::uint64_t longest = elapsed - (m_run - 1) * std::min(m_usual, mean);
+    Count(m_timed->total, elapsed);
+    if (longest > m_timed->longest.load(std::memory_order_relaxed))
+        m_timed->longest.store(longest, std::memory_order_relaxed);
+    const bool isAlone = m_timed->next.load(std::memory_order_relaxed) == nullptr;
+    m_runEnd = isAlone && mean < shortCall ? runLength : 1;
+    m_run = 0;
+    m_now.since.store(now, std::memory_order_relaxed);
+}
+
+void Consumers::Calls::CallOne(Consumer& consumer, const MetricsEvent& event) {
+    if (m_timed != &consumer) {
+        if (m_run != 0)
+            Account();
+        m_timed = &consumer;
+        m_usual = 0;
+        m_runEnd = 1;
+    }
+    m_now.at.store(&consumer, std::memory_order_relaxed);
+    const bool hasThrown = CallQuietly(consumer, event);
+    m_now.at.store(nullptr, std::memory_order_relaxed);
+    Count(consumer.calls);
+    if (hasThrown) [[unlikely]]
+        Count(consumer.exceptions);
+    const std::uint64_t start = m_start;
+    ++m_run;
+    if (m_run >= m_runEnd || consumer.options.maxCallMilliseconds != 0)
+        Account();
+    consumer.Judge(hasThrown, m_start - start);
 }
 
 void Consumers::Calls::Call(const MetricsEvent& event, pid_t emitter) {
-    if (m_removals != m_consumers.m_asynchronous.Removals()) [[unlikely]] {
-        Leave();
-        Enter();
-    }
+    LetRemovalsGoOn();
     CallEach(m_consumers.m_asynchronous, event, emitter,
-             [&event](IMetricsListener& listener) { CallQuietly(listener, event); });
+             [this, &event](Consumer& consumer) { CallOne(consumer, event); });
 }
 
 void Consumers::Calls::EndBatch() noexcept {
-    if (!m_isInside || m_removals != m_consumers.m_asynchronous.Removals()) {
-        Leave();
-        Enter();
-    }
+    LetRemovalsGoOn();
+    if (m_run != 0)
+        Account();
     for (const Consumer* consumer = m_consumers.m_asynchronous.First(); consumer != nullptr;
          consumer = consumer->next.load(std::memory_order_seq_cst)) {
-        if (consumer->batch == nullptr)
+        if (consumer->batch == nullptr || consumer->isSetAside.load(std::memory_order_relaxed))
             continue;
         const FrameGuard frame(consumer->listener.Get(), 0);
+        m_now.at.store(consumer, std::memory_order_relaxed);
         consumer->batch->OnBatchEnd();
+        m_now.at.store(nullptr, std::memory_order_relaxed);
     }
+}
+
+// Figures --------------------------------------------------------------------------------------
+
+void Consumers::Describe(std::vector<MetricsConsumerStatistics>& to) const {
+    m_synchronous.Describe(true, to);
+    m_asynchronous.Describe(false, to);
+}
+
+std::string Consumers::NowCalled(std::uint64_t& nanoseconds) const {
+    const Consumer* const at = m_delivery.at.load(std::memory_order_relaxed);
+    std::string name = at == nullptr ? std::string() : m_asynchronous.NameOf(at);
+    nanoseconds =
+        name.empty() ? 0 : StampClock::Ticks() - m_delivery.since.load(std::memory_order_relaxed);
+    return name;
 }
 
 } // namespace Metrics::detail

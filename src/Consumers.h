@@ -6,12 +6,17 @@
 
 #include <metrics/MetricsEvent.h>
 #include <metrics/MetricsFilter.h>
+#include <metrics/MetricsOptions.h>
+#include <metrics/MetricsStatistics.h>
 
 #include <korsys/Mutex.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <exception>
+#include <string>
+#include <vector>
 
 namespace Metrics::detail {
 
@@ -21,13 +26,30 @@ using Deadline = std::chrono::steady_clock::time_point;
 struct Consumer {
     const std::uint64_t bits;
     const MetricsListenerPtr listener;
-    BatchListener* const batch; // the same object, when it is one
+    BatchListener* const batch;           // the same object, when it is one
+    const MetricsConsumerOptions options; // its name is never empty
     std::atomic<Consumer*> next{nullptr};
-    std::uint32_t removal = 0;    // the number of its removal, once it was taken out
-    Consumer* nextKept = nullptr; // ConsumerList's lock
+    std::uint32_t removal = 0;      // the number of its removal, once it was taken out
+    Consumer* nextKept = nullptr;   // ConsumerList's lock
+    std::uint32_t registration = 0; // its number among those of its kind, from 1
+    std::uint32_t slot = 0;         // in each thread's CallCounts
 
-    Consumer(std::uint64_t b, MetricsListenerPtr&& l) noexcept
-        : bits(b), listener(std::move(l)), batch(dynamic_cast<BatchListener*>(listener.Get())) {}
+    // Written by the delivery thread. Of a synchronous one: what no thread has a slot for.
+    std::atomic<std::uint64_t> calls{0};
+    std::atomic<std::uint64_t> exceptions{0};
+    std::atomic<std::uint64_t> total{0};
+    std::atomic<std::uint64_t> longest{0};
+    // Written by whoever calls it, where something goes wrong.
+    std::atomic<std::uint32_t> exceptionsInRow{0};
+    std::atomic<bool> isSetAside{false};
+
+    /// @throws std::bad_alloc
+    Consumer(std::uint64_t b, MetricsListenerPtr&& l, const MetricsConsumerOptions& o);
+
+    /// Behind each call: whether it is to be called on.
+    void Judge(bool hasThrown, std::uint64_t nanoseconds) noexcept;
+    /// @return false when it was set aside before.
+    bool SetAside() noexcept;
 };
 
 /// The consumers of one kind, in the order of their registration.
@@ -47,14 +69,22 @@ public:
 
     /// Sequentially consistent, as the change in Remove: one who removes sees the section, or the
     /// section sees the removal.
-    const Consumer* First() const noexcept { return m_first.load(std::memory_order_seq_cst); }
+    Consumer* First() const noexcept { return m_first.load(std::memory_order_seq_cst); }
     /// The same as a hint, for whoever need not be exact.
     bool IsEmpty() const noexcept { return m_first.load(std::memory_order_relaxed) == nullptr; }
     /// Changes with every removal. Sequentially consistent, as First.
     std::uint32_t Removals() const noexcept { return m_removals.load(std::memory_order_seq_cst); }
 
     /// @return false when the list was closed. @throws std::bad_alloc
-    bool Add(MetricsListenerPtr&& listener, std::uint64_t bits) KORSYS_EXCLUDES(m_lock);
+    bool Add(MetricsListenerPtr&& listener, std::uint64_t bits,
+             const MetricsConsumerOptions& options) KORSYS_EXCLUDES(m_lock);
+
+    /// Adds the figures of all registrations. @throws std::bad_alloc
+    void Describe(bool synchronous, std::vector<MetricsConsumerStatistics>& to) const
+        KORSYS_EXCLUDES(m_lock);
+
+    /// The name of a consumer that may have gone meanwhile; empty then. @throws std::bad_alloc
+    std::string NameOf(const Consumer* consumer) const KORSYS_EXCLUDES(m_lock);
 
     /// Takes out the first registration of the listener, or of any when it is null. It may still be
     /// walked on: what is returned goes to Keep. @return null when there is none.
@@ -74,9 +104,17 @@ public:
 private:
     std::atomic<Consumer*> m_first{nullptr};
     std::atomic<std::uint32_t> m_removals{0};
-    korsys::Mutex m_lock;
+    mutable korsys::Mutex m_lock;
     bool m_isClosed KORSYS_GUARDED_BY(m_lock) = false;
+    std::uint32_t m_registrations KORSYS_GUARDED_BY(m_lock) = 0;
     Consumer* m_kept KORSYS_GUARDED_BY(m_lock) = nullptr;
+};
+
+/// What one delivery thread is doing with the asynchronous consumers; others may look.
+struct DeliveryCalls {
+    Section section;                          // it is calling them
+    std::atomic<const Consumer*> at{nullptr}; // this one; relaxed, a hint
+    std::atomic<std::uint64_t> since{0};      // ticks, not before those of 16 calls ago
 };
 
 /// Who is called, and by whom. Emitters share nothing here: no emitter waits for a registration,
@@ -91,9 +129,17 @@ class Consumers {
 public:
     constexpr Consumers() noexcept = default;
 
-    bool Add(MetricsListenerPtr&& listener, std::uint64_t bits, bool synchronous) {
-        return (synchronous ? m_synchronous : m_asynchronous).Add(std::move(listener), bits);
+    bool Add(MetricsListenerPtr&& listener, std::uint64_t bits, bool synchronous,
+             const MetricsConsumerOptions& options) {
+        return (synchronous ? m_synchronous : m_asynchronous)
+            .Add(std::move(listener), bits, options);
     }
+
+    /// The figures of all registrations. @throws std::bad_alloc
+    void Describe(std::vector<MetricsConsumerStatistics>& to) const;
+    /// Who is being called by the delivery thread, and for how many nanoseconds; empty and 0 for
+    /// nobody. @throws std::bad_alloc
+    std::string NowCalled(std::uint64_t& nanoseconds) const;
 
     /// Ends one registration of the listener, a synchronous one first, and waits until no call of
     /// it is in progress.
@@ -105,10 +151,12 @@ public:
     bool HasSynchronous() const noexcept { return m_synchronous.First() != nullptr; }
     bool HasAsynchronous() const noexcept { return m_asynchronous.First() != nullptr; }
 
-    /// Calls the synchronous consumers. @throws what the first one throws that does.
-    void CallSynchronous(ThreadRecord& record, const MetricsEvent& event);
+    /// Calls the synchronous consumers. `start` is the steady clock's present time.
+    /// @throws what the first one throws that does.
+    void CallSynchronous(ThreadRecord& record, const MetricsEvent& event, std::uint64_t start);
     /// The same for an event that nobody can be told about; what they throw is dropped.
-    void CallSynchronousQuietly(ThreadRecord& record, const MetricsEvent& event) noexcept;
+    void CallSynchronousQuietly(ThreadRecord& record, const MetricsEvent& event,
+                                std::uint64_t start) noexcept;
 
     // Delivery thread --------------------------------------------------------------------------
 
@@ -116,7 +164,7 @@ public:
     /// locked instruction for each, and leaves it for a moment when a registration has ended.
     class Calls {
     public:
-        explicit Calls(Consumers& consumers) noexcept : m_consumers(consumers) { Enter(); }
+        explicit Calls(Consumers& consumers) noexcept;
         ~Calls() { Leave(); }
         Calls(const Calls&) = delete;
         Calls& operator=(const Calls&) = delete;
@@ -131,9 +179,23 @@ public:
         void Enter() noexcept;
 
     private:
+        void LetRemovalsGoOn() noexcept;
+        void CallOne(Consumer& consumer, const MetricsEvent& event);
+        void Account() noexcept;
+
         Consumers& m_consumers;
+        DeliveryCalls& m_now;
         bool m_isInside = false;
         std::uint32_t m_removals = 0;
+
+        // The time of short calls is taken a few at once: to read the clock takes longer than they.
+        static constexpr std::uint64_t runLength = 16;
+        static constexpr std::uint64_t shortCall = 2000; // ns
+        Consumer* m_timed = nullptr;                     // who was called last
+        std::uint64_t m_run = 0;    // so many calls have not been accounted for
+        std::uint64_t m_runEnd = 1; // at so many they are
+        std::uint64_t m_usual = 0;  // ns of a usual call
+        std::uint64_t m_start = 0;  // ticks
     };
 
     /// Ends all registrations, waits for the synchronous calls in progress, and lets the consumers
@@ -147,11 +209,14 @@ private:
     template <class Call>
     static void CallEach(const ConsumerList& list, const MetricsEvent& event, pid_t emitter,
                          Call call);
+    template <class Call>
+    void CallSynchronousBy(ThreadRecord& record, const MetricsEvent& event, std::uint64_t start,
+                           Call call);
     bool WaitForCalls(const ConsumerList& list, Deadline deadline) const noexcept;
 
     ConsumerList m_synchronous;
     ConsumerList m_asynchronous;
-    Section m_delivery; // the delivery thread is calling asynchronous consumers
+    DeliveryCalls m_delivery;
 };
 
 extern constinit Consumers s_consumers;

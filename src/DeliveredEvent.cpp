@@ -29,8 +29,9 @@ void DeliveredEvent::Prepare(Text& text, const char* characters, std::size_t len
     text.spare->assign(characters, length);
 }
 
-const MetricsEvent& DeliveredEvent::Make(Record& record) {
+const MetricsEvent& DeliveredEvent::Make(Record& record, EventQueue& queue) {
     if (record.first == Record::Form::Shared) [[unlikely]] {
+        queue.CountOutsideTaken(Outside::FromWord(record.bits));
         m_shared = std::move(record.SharedEvent());
         record.SharedEvent().~shared_ptr();
         m_holdsObjects = true;
@@ -51,9 +52,7 @@ const MetricsEvent& DeliveredEvent::Make(Record& record) {
     m_event.sourceId = record.sourceId;
     m_event.contextId = record.contextId;
     m_event.bits = record.bits;
-    m_event.timestamp = UpTimeAt(record.ticks);
-    m_event.unixSeconds = record.wall / 1'000'000'000;
-    m_event.unixMicroseconds = static_cast<std::uint32_t>(record.wall % 1'000'000'000 / 1000);
+    PutStamp(record.ticks, record.wall, m_event);
     const std::array<MetricsValue*, 2> values{&m_event.param1, &m_event.param2};
     for (std::size_t i = 0; i < 2; ++i) {
         MetricsValue& value = *values[i];
@@ -67,6 +66,7 @@ const MetricsEvent& DeliveredEvent::Make(Record& record) {
             break;
         case Record::Form::Value: {
             auto* const taken = std::launder(reinterpret_cast<MetricsValue*>(tails[i]));
+            queue.CountOutsideTaken(Outside::FromWord(record.slots[i].length));
             value = std::move(*taken);
             taken->~MetricsValue();
             m_holdsObjects = true;

@@ -11,6 +11,13 @@
 
 namespace Metrics::detail {
 
+/// Both times of an event.
+inline void PutStamp(std::uint64_t ticks, std::uint64_t wall, MetricsEvent& event) noexcept {
+    event.timestamp = UpTimeAt(ticks);
+    event.unixSeconds = wall / 1'000'000'000;
+    event.unixMicroseconds = static_cast<std::uint32_t>(wall % 1'000'000'000 / 1000);
+}
+
 /// The event that consumers see, made in place from one record after the other. A text is copied
 /// into a string that is used again for the next one, unless a consumer has kept the value: then
 /// the string is the consumer's, and the next text gets a new one.
@@ -18,9 +25,10 @@ namespace Metrics::detail {
 /// Thread-safety: one thread at a time for each object.
 class DeliveredEvent {
 public:
-    /// The record's event, valid until Clear. What the record held is taken out of it.
+    /// The event of a queue's front record, valid until Clear. What the record held is taken out of
+    /// it.
     /// @throws std::bad_alloc; the record is as it was.
-    const MetricsEvent& Make(Record& record);
+    const MetricsEvent& Make(Record& record, EventQueue& queue);
 
     /// Whether code of the application may run when the event is let go of.
     bool HoldsObjects() const noexcept { return m_holdsObjects; }

@@ -1,7 +1,12 @@
 #include "Delivery.h"
 
 #include "Emit.h"
+#include "Faults.h"
+#include "Ledger.h"
 #include "Lifecycle.h"
+#include "QueueLimit.h"
+
+#include <korsys/NoCancellation.h>
 
 #include <cxxabi.h>
 #include <fcntl.h>
@@ -121,8 +126,10 @@ Delivery& MakeDelivery() noexcept {
 
 void Delivery::Start() {
     s_threads.SetSwept(true);
+    ShareReading();
     try {
         m_thread.Start([](void* self) { static_cast<Delivery*>(self)->Run(); }, this);
+        m_isEverStarted.store(true, std::memory_order_relaxed);
     } catch (...) {
         s_threads.SetSwept(false);
         throw;
@@ -146,6 +153,24 @@ bool Delivery::JoinUntil(Deadline deadline) noexcept {
     return m_stopped.WaitUntil(deadline) && m_thread.JoinUntil(deadline);
 }
 
+class Delivery::Reading {
+public:
+    explicit Reading(Delivery& delivery) KORSYS_NO_THREAD_SAFETY_ANALYSIS
+        : m_delivery(delivery.m_isShared.load(std::memory_order_relaxed) ? &delivery : nullptr) {
+        if (m_delivery != nullptr)
+            m_delivery->m_reading.Lock();
+    }
+    ~Reading() KORSYS_NO_THREAD_SAFETY_ANALYSIS {
+        if (m_delivery != nullptr)
+            m_delivery->m_reading.Unlock();
+    }
+    Reading(const Reading&) = delete;
+    Reading& operator=(const Reading&) = delete;
+
+private:
+    Delivery* m_delivery;
+};
+
 // The thread -----------------------------------------------------------------------------------
 
 void Delivery::Run() {
@@ -160,11 +185,14 @@ void Delivery::Run() {
     int idlePauses = 0;
     while (!InForkedChild()) {
         m_wake.Reset();
+        m_isWoken.store(false, std::memory_order_relaxed);
+        ShareReading();
         const std::uint64_t flush = m_flushes.Take();
         const std::uint64_t now = s_stampClock.Now();
         // Acquire: whoever has set it has published what it emitted before.
         const std::uint64_t end = m_end.load(std::memory_order_acquire);
         m_delivered = 0;
+        s_queueLimit.SetThreads(s_threads.Size());
         LookAtMemory();
         const bool isComplete = DeliverUpTo(std::min(now, end));
         if (InForkedChild())
@@ -173,8 +201,15 @@ void Delivery::Run() {
             m_flushes.Answer(flush);
         if (isComplete && end <= now)
             break;
-        s_threads.Sweep();
+        {
+            const Reading reading(*this);
+            s_threads.Sweep();
+        }
         BalanceMemory();
+        NoteFaults();
+        s_faults.Tell();
+        if (InForkedChild())
+            return;
         const bool isIdle = isComplete && m_delivered == 0;
         if (isIdle && ++idlePauses % idlePausesPerCheck == 0 && IsLastThread()) {
             ShowShutdown();
@@ -190,45 +225,218 @@ void Delivery::Run() {
         End();
 }
 
+void Delivery::ShareReading() {
+    const bool isWanted = DropsOldest();
+    if (isWanted == m_isShared.load(std::memory_order_relaxed))
+        return;
+    const korsys::MutexLock lock(m_reading); // another thread may be at it
+    m_isShared.store(isWanted, std::memory_order_release);
+}
+
 bool Delivery::DeliverUpTo(std::uint64_t cut) {
     try {
-        m_merge.Begin(cut);
-        for (ThreadRecord* record = s_threads.First(); record != nullptr; record = record->next)
-            m_merge.Add(record->queue, record->owner.load(std::memory_order_relaxed));
-        DeliverMerged();
+        do {
+            m_oldest.store(StampClock::Ticks(), std::memory_order_relaxed);
+            if (!LookAtQueues(cut))
+                return true;
+        } while (!DeliverMerged());
     } catch (const std::bad_alloc&) {
         return false; // tried again
     }
     return true;
 }
 
-void Delivery::DeliverMerged() {
+bool Delivery::LookAtQueues(std::uint64_t cut) {
+    const Reading reading(*this);
+    m_merge.Begin(cut);
+    std::size_t bytes = 0;
+    for (ThreadRecord* record = s_threads.First(); record != nullptr; record = record->next) {
+        bytes += record->queue.QueuedBytes();
+        Losses& losses = record->losses;
+        // Acquire: where the gap begins.
+        const std::uint64_t lost = losses.toLimit.load(std::memory_order_acquire);
+        const std::uint64_t told = losses.told.load(std::memory_order_relaxed);
+        if (lost != told) {
+            m_gap.Add(lost - told, losses.gapTicks.load(std::memory_order_relaxed),
+                      losses.gapWall.load(std::memory_order_relaxed));
+            losses.told.store(lost, std::memory_order_relaxed);
+        }
+        m_merge.Add(record->queue, record->owner.load(std::memory_order_relaxed));
+    }
+    m_merge.Order();
+    m_seenDrops = m_drops;
+    if (m_dropGap.lost != 0) {
+        m_gap.Add(m_dropGap.lost, m_dropGap.ticks, m_dropGap.wall);
+        m_dropGap = Gap();
+    }
+    s_ledger.SeeQueuedBytes(bytes);
+    return m_merge.Front() != nullptr || m_gap.lost != 0;
+}
+
+bool Delivery::DeliverMerged() {
     // Nobody to deliver to: looked at after the queues were, so that whoever was registered before
     // something was emitted does not miss it.
     if (!s_consumers.HasAsynchronous()) {
-        m_delivered += m_merge.Discard();
-        return;
-    }
-    Consumers::Calls calls(s_consumers);
-    m_merge.Run([this, &calls](Record& record, pid_t emitter) {
-        calls.Call(m_event.Make(record), emitter);
-        if (InForkedChild())
+        const Reading reading(*this);
+        if (m_drops != m_seenDrops)
             return false;
+        m_gap = Gap();
+        m_delivered += m_merge.Discard();
+        return true;
+    }
+    if (s_faults.HasHandler() && m_merge.Front() != nullptr)
+        s_faults.NoteLag(StampClock::Ticks() - m_merge.Front()->ticks);
+    Consumers::Calls calls(s_consumers);
+    for (;;) {
+        pid_t emitter = 0;
+        const MetricsEvent* event = nullptr;
+        bool isBehindGap = false;
+        {
+            const Reading reading(*this);
+            if (m_drops != m_seenDrops) [[unlikely]]
+                return false; // others have read: looked at anew
+            Record* const record = m_merge.Front();
+            isBehindGap = m_gap.lost != 0 && (record == nullptr || record->ticks > m_gap.ticks);
+            if (record == nullptr && !isBehindGap)
+                break;
+            if (!isBehindGap) [[likely]] {
+                m_oldest.store(record->ticks, std::memory_order_relaxed);
+                event = &m_event.Make(*record, m_merge.Queue());
+                emitter = m_merge.Emitter();
+                m_merge.Pop();
+            }
+        }
+        if (isBehindGap) {
+            TellGap(calls);
+        } else {
+            calls.Call(*event, emitter);
+            ++m_delivered;
+        }
+        if (InForkedChild())
+            return true;
         if (m_event.HoldsObjects()) [[unlikely]] {
             // Whoever waits for the end of a call must not wait for what is freed here.
             calls.Leave();
             m_event.Clear();
             if (InForkedChild())
-                return false;
+                return true;
             calls.Enter();
         } else {
             m_event.Clear();
         }
-        ++m_delivered;
-        return true;
+    }
+    calls.EndBatch();
+    return true;
+}
+
+// What is lost to the limit --------------------------------------------------------------------
+
+bool DropsOldest() noexcept {
+    return s_queueLimit.IsSet() && s_queueLimit.Policy() == MetricsQueuePolicy::DropOldest;
+}
+
+bool MakeRoom(std::size_t bytes) noexcept {
+    Delivery* const delivery = FindDelivery();
+    const std::uint64_t limit = s_queueLimit.Bytes();
+    if (delivery == nullptr || bytes > limit)
+        return false;
+    delivery->WakeOnce();
+    switch (s_queueLimit.Policy()) {
+    case MetricsQueuePolicy::DropNewest:
+        return false;
+    case MetricsQueuePolicy::DropOldest:
+        // Another emitter may be at it: then this one goes a little beyond.
+        return delivery->DropOldest(bytes) ||
+               (delivery->SharesReading() && s_queueLimit.TakeUpTo(limit + limit / 40, bytes));
+    case MetricsQueuePolicy::Wait:
+        break;
+    }
+    // A consumer that waits may be what the delivery waits for.
+    if (IsInsideCall() || t_thread.isDeliveryThread)
+        return false;
+    const korsys::NoCancellation guard; // scopes emit from their destructors
+    const Deadline deadline =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(s_queueLimit.Milliseconds());
+    bool isTaken = false;
+    PollUntil(deadline, [bytes, &isTaken] {
+        isTaken = s_queueLimit.Take(bytes);
+        return isTaken || !s_life.Accepts();
     });
-    if (!InForkedChild())
-        calls.EndBatch();
+    return isTaken;
+}
+
+void Delivery::Gap::Add(std::uint64_t count, std::uint64_t firstTicks,
+                        std::uint64_t firstWall) noexcept {
+    lost += count;
+    if (firstTicks < ticks) {
+        ticks = firstTicks;
+        wall = firstWall;
+    }
+}
+
+void Delivery::TellGap(Consumers::Calls& calls) {
+    MetricsEvent event;
+    event.eventType = MetricsEventType::Custom;
+    event.param1 = MetricsValue("lost");
+    event.param2 = MetricsValue(m_gap.lost);
+    PutStamp(m_gap.ticks, m_gap.wall, event);
+    m_gap = Gap();
+    calls.Call(event, 0);
+}
+
+bool Delivery::DropOldest(std::size_t bytes) noexcept {
+    // Acquire: the thread has read without the lock before.
+    if (!m_isShared.load(std::memory_order_acquire) || !m_reading.TryLock())
+        return false;
+    Remains remains; // destroyed behind the lock
+    bool isTaken = false;
+    const auto more =
+        static_cast<std::size_t>(s_queueLimit.Bytes() / 64); // so that not every event comes here
+    try {
+        Merge merge;
+        merge.Begin(std::numeric_limits<std::uint64_t>::max());
+        if (m_isShared.load(std::memory_order_relaxed))
+            for (ThreadRecord* record = s_threads.First(); record != nullptr; record = record->next)
+                merge.Add(record->queue, 0);
+        merge.Order();
+        ++m_drops;
+        while (!(isTaken = s_queueLimit.Take(bytes + more)) && merge.Front() != nullptr) {
+            Record& record = *merge.Front();
+            EventQueue& queue = merge.Queue();
+            m_dropGap.Add(0, record.ticks, record.wall);
+            queue.Destroy(record, remains);
+            merge.Pop();
+            queue.GiveBack();
+            ++m_dropGap.lost;
+            m_droppedOldest.fetch_add(1, std::memory_order_relaxed);
+        }
+        if (isTaken)
+            s_queueLimit.Give(more);
+    } catch (const std::bad_alloc&) {
+        // No memory to do it with.
+    }
+    m_reading.Unlock();
+    return isTaken || s_queueLimit.Take(bytes);
+}
+
+void Delivery::WaitForSharing(Deadline deadline) const noexcept {
+    PollUntil(deadline,
+              [this] { return m_isShared.load(std::memory_order_relaxed) || !IsStarted(); });
+}
+
+void Delivery::WakeOnce() noexcept {
+    // Relaxed: a hint; the thread looks by itself before long.
+    if (!m_isWoken.load(std::memory_order_relaxed) &&
+        !m_isWoken.exchange(true, std::memory_order_relaxed))
+        Wake();
+}
+
+void Delivery::NoteFaults() {
+    if (!s_faults.HasHandler())
+        return;
+    const MetricsStatistics now = s_ledger.Counts();
+    s_faults.NoteLosses(
+        {now.lostToLimit, now.lostToMemory, now.lostToException, now.lostToShutdown});
 }
 
 // Memory ---------------------------------------------------------------------------------------
@@ -271,14 +479,23 @@ void Delivery::BalanceMemory() noexcept {
 void Delivery::End() {
     s_life.EndDelivery(); // nothing more is let in
     m_flushes.End();      // everything that was queued before the end is delivered
+    s_ledger.KeepConsumers();
     s_consumers.ReleaseAll(Deadline::max()); // may call back
     if (InForkedChild())
         return;
-    for (ThreadRecord* record = s_threads.First(); record != nullptr; record = record->next)
+    for (ThreadRecord* record = s_threads.First(); record != nullptr; record = record->next) {
+        const std::uint64_t before = record->queue.Taken();
         record->queue.Discard(record->queue.Published()); // what came behind the end
+        Count(m_lostAtEnd, record->queue.Taken() - before);
+    }
     s_threads.SetSwept(false);
+    NoteFaults();
+    s_faults.TellLast();
+    if (InForkedChild())
+        return;
     m_merge.Free();
     m_event = DeliveredEvent();
+    m_hasEnded.store(true, std::memory_order_release);
     m_stopped.Signal();
 }
 

@@ -76,6 +76,8 @@ public:
     /// @throws std::system_error
     void Start();
     bool IsStarted() const noexcept { return m_thread.IsStarted(); }
+    /// Any thread: whether there has ever been a thread.
+    bool IsEverStarted() const noexcept { return m_isEverStarted.load(std::memory_order_relaxed); }
 
     // Any thread -------------------------------------------------------------------------------
 
@@ -95,10 +97,48 @@ public:
 
     Flushes& GetFlushes() noexcept { return m_flushes; }
 
+    /// Has the thread look, if nobody else has since it looked last.
+    void WakeOnce() noexcept;
+
+    /// Drops the oldest events of all queues until so many bytes are taken from the queue limit.
+    /// What they held is destroyed on the calling thread.
+    /// @return false, having taken nothing, when another thread is at it, or the delivery thread
+    ///         has not yet made way for it.
+    bool DropOldest(std::size_t bytes) noexcept;
+    bool SharesReading() const noexcept { return m_isShared.load(std::memory_order_relaxed); }
+    /// Waits until the delivery thread makes way for DropOldest, or until the deadline.
+    void WaitForSharing(Deadline deadline) const noexcept;
+
+    // Figures; relaxed numbers for themselves.
+    std::uint64_t DroppedOldest() const noexcept {
+        return m_droppedOldest.load(std::memory_order_relaxed);
+    }
+    std::uint64_t LostAtEnd() const noexcept { return m_lostAtEnd.load(std::memory_order_relaxed); }
+    /// Not before this was the oldest event emitted that is not delivered, in ticks.
+    std::uint64_t OldestTicks() const noexcept { return m_oldest.load(std::memory_order_relaxed); }
+    /// The thread has ended, and what is queued is never delivered. Acquire: its figures.
+    bool HasEnded() const noexcept { return m_hasEnded.load(std::memory_order_acquire); }
+
 private:
+    /// Held by the delivery thread while it reads queues that DropOldest may read too.
+    class Reading;
+
+    /// The events that the stream does not tell of yet: they are lost to the limit.
+    struct Gap {
+        std::uint64_t ticks = std::numeric_limits<std::uint64_t>::max(); // of the first one
+        std::uint64_t wall = 0;
+        std::uint64_t lost = 0;
+
+        void Add(std::uint64_t count, std::uint64_t firstTicks, std::uint64_t firstWall) noexcept;
+    };
+
     void Run();
+    void ShareReading();
     bool DeliverUpTo(std::uint64_t cut);
-    void DeliverMerged();
+    bool LookAtQueues(std::uint64_t cut);
+    bool DeliverMerged();
+    void TellGap(Consumers::Calls& calls);
+    void NoteFaults();
     void LookAtMemory() noexcept;
     void BalanceMemory() noexcept;
     void End();
@@ -111,8 +151,24 @@ private:
     korsys::TEvent m_stopped{false}; // signalled as the thread's last act
     Flushes m_flushes;
 
+    // Reading of the queues, where DropOldest may do it too.
+    korsys::Mutex m_reading;
+    std::atomic<bool> m_isShared{false}; // the thread reads under that lock
+    std::uint64_t m_drops = 0;           // that lock: how often the others have read
+    Gap m_dropGap;                       // that lock
+
+    // Figures.
+    std::atomic<std::uint64_t> m_droppedOldest{0};
+    std::atomic<std::uint64_t> m_lostAtEnd{0};
+    std::atomic<std::uint64_t> m_oldest{0};
+    std::atomic<bool> m_isEverStarted{false};
+    std::atomic<bool> m_hasEnded{false};
+    std::atomic<bool> m_isWoken{false};
+
     // The thread's own.
     Merge m_merge;
+    std::uint64_t m_seenDrops = 0; // m_drops when m_merge was made
+    Gap m_gap;
     DeliveredEvent m_event;
     std::size_t m_delivered = 0; // in this batch
     std::size_t m_peak = 0;      // chunks that bursts have lately needed
@@ -126,6 +182,11 @@ Delivery& MakeDelivery() noexcept;
 
 /// Null before the first Enable. Acquire: the object.
 Delivery* FindDelivery() noexcept;
+
+/// See QueueLimit::MakeRoom.
+bool MakeRoom(std::size_t bytes) noexcept;
+/// Whether the queue limit's policy is this.
+bool DropsOldest() noexcept;
 
 /// Waits until everything that was queued at the call has been delivered.
 /// @return false after the deadline, and when there is no delivery that it could wait for.

@@ -1,8 +1,10 @@
 #include "Emit.h"
 
 #include "Consumers.h"
+#include "DeliveredEvent.h"
 #include "Delivery.h"
 #include "Lifecycle.h"
+#include "QueueLimit.h"
 
 #include <metrics/MetricsFilter.h>
 
@@ -11,12 +13,6 @@
 namespace Metrics::detail {
 
 namespace {
-
-void PutStamp(const Stamp& stamp, MetricsEvent& event) noexcept {
-    event.timestamp = UpTimeAt(stamp.ticks);
-    event.unixSeconds = stamp.wall / 1'000'000'000;
-    event.unixMicroseconds = static_cast<std::uint32_t>(stamp.wall % 1'000'000'000 / 1000);
-}
 
 bool IsLong(const Argument& argument) noexcept {
     return argument.length > copiedText;
@@ -39,33 +35,118 @@ MetricsEvent MakeEvent(const EventHead& head, const Argument& first, const Argum
             0,         ToValue(first), ToValue(second)};
 }
 
+/// The memory of a value that travels as it is. What an `extra` holds is not known.
+std::size_t BytesOf(const MetricsValue& value) noexcept {
+    constexpr std::size_t shared = 64; // the string itself, and the count of its holders
+    return value.text == nullptr ? 0 : value.text->capacity() + shared;
+}
+
+std::size_t BytesOf(const Argument& argument) noexcept {
+    return argument.form == Argument::Form::Value ? BytesOf(*argument.value) : 0;
+}
+
+/// Does what needs memory, and counts the event as lost when there is none.
+template <class Do>
+auto OrLost(ThreadRecord& record, Do what) {
+    try {
+        return what();
+    } catch (const std::bad_alloc&) {
+        Count(record.losses.toMemory);
+        throw;
+    }
+}
+
+/// Charges the queue limit for memory outside of the queue, and takes it back unless it was kept.
+class OutsideCharge {
+public:
+    explicit OutsideCharge(std::size_t bytes) noexcept : m_bytes(bytes) {
+        m_isCharged = bytes != 0 && s_queueLimit.IsSet();
+        m_isRefused = m_isCharged && !s_queueLimit.TakeOrMakeRoom(bytes);
+    }
+    ~OutsideCharge() {
+        if (m_isCharged && !m_isRefused && !m_isKept)
+            s_queueLimit.Give(m_bytes);
+    }
+    OutsideCharge(const OutsideCharge&) = delete;
+    OutsideCharge& operator=(const OutsideCharge&) = delete;
+
+    bool IsRefused() const noexcept { return m_isRefused; }
+    Outside For(std::size_t bytes) const noexcept { return {bytes, m_isCharged}; }
+    void Keep() noexcept { m_isKept = true; }
+
+private:
+    std::size_t m_bytes;
+    bool m_isCharged = false;
+    bool m_isRefused = false;
+    bool m_isKept = false;
+};
+
+/// Appends an event of values that may hold memory outside of the queue.
+void AppendValues(ThreadRecord& record, const Stamp& stamp, const EventHead& head, Argument first,
+                  Argument second) {
+    const std::size_t bytes = BytesOf(first) + BytesOf(second);
+    OutsideCharge charge(bytes);
+    if (charge.IsRefused())
+        return record.losses.CountToLimit(stamp);
+    for (Argument* const argument : {&first, &second})
+        if (argument->form == Argument::Form::Value)
+            argument->length = charge.For(BytesOf(*argument)).Word();
+    if (!OrLost(record, [&] { return record.queue.Append(stamp, head, first, second); }))
+        return record.losses.CountToLimit(stamp);
+    record.queue.CountOutside(charge.For(bytes));
+    charge.Keep();
+}
+
+/// @return whether the event goes on from there.
+bool ShowToSynchronousConsumers(ThreadRecord& record, const Stamp& stamp,
+                                const MetricsEvent& event) {
+    try {
+        s_consumers.CallSynchronous(record, event, stamp.ticks);
+    } catch (...) {
+        Count(record.losses.toException);
+        throw;
+    }
+    // A consumer may have forked, and this be the child; or have ended the library.
+    if (!s_life.Accepts())
+        Count(record.losses.toShutdown);
+    return s_life.Accepts();
+}
+
 /// With synchronous consumers: the event is made here, shown to them, and its values handed over.
 [[gnu::noinline]] void EmitToSynchronousConsumers(ThreadRecord& record, const Stamp& stamp,
                                                   const EventHead& head, const Argument& first,
                                                   const Argument& second) {
-    MetricsEvent event = MakeEvent(head, first, second);
-    PutStamp(stamp, event);
-    s_consumers.CallSynchronous(record, event);
-    // A consumer may have forked, and this be the child; or have ended the library.
-    if (s_life.Accepts())
-        record.queue.Append(stamp, head, FromValue(event.param1), FromValue(event.param2));
+    MetricsEvent event = OrLost(record, [&] { return MakeEvent(head, first, second); });
+    PutStamp(stamp.ticks, stamp.wall, event);
+    if (ShowToSynchronousConsumers(record, stamp, event))
+        AppendValues(record, stamp, head, FromValue(event.param1), FromValue(event.param2));
 }
 
 /// With a text that is not copied into the queue, or a MetricsValue.
 [[gnu::noinline]] void EmitValues(ThreadRecord& record, const Stamp& stamp, const EventHead& head,
                                   const Argument& first, const Argument& second) {
     MetricsValue values[2];
-    const auto convert = [](const Argument& argument, MetricsValue& value) {
+    const auto convert = [&record](const Argument& argument, MetricsValue& value) {
         if (argument.form == Argument::Form::Value)
             return FromValue(*argument.value);
         if (!IsLong(argument))
             return argument;
-        value = ToValue(argument);
+        value = OrLost(record, [&argument] { return ToValue(argument); });
         return Argument(std::move(value));
     };
     const Argument a = convert(first, values[0]);
     const Argument b = convert(second, values[1]);
-    record.queue.Append(stamp, head, a, b);
+    AppendValues(record, stamp, head, a, b);
+}
+
+/// The calling thread's record, for an event that is accepted.
+ThreadRecord& RecordOfEmitter() {
+    try {
+        return s_threads.Current();
+    } catch (const std::bad_alloc&) {
+        s_threads.CountLostWithoutRecord();
+        throw;
+    }
 }
 
 } // namespace
@@ -97,14 +178,16 @@ void Emit(const EventHead& head, const Argument& first, const Argument& second) 
     }
     if (!PassesLiveMask(head.bits))
         return;
-    ThreadRecord& record = s_threads.Current();
+    ThreadRecord& record = RecordOfEmitter();
     const Stamp stamp = s_stampClock.Take(t_thread.wallOffset);
     if (s_consumers.HasSynchronous()) [[unlikely]]
         return EmitToSynchronousConsumers(record, stamp, head, first, second);
     if (first.form > Argument::Form::Characters || second.form > Argument::Form::Characters ||
         IsLong(first) || IsLong(second)) [[unlikely]]
         return EmitValues(record, stamp, head, first, second);
-    record.queue.Append(stamp, head, first, second);
+    if (!OrLost(record, [&] { return record.queue.Append(stamp, head, first, second); }))
+        [[unlikely]]
+        record.losses.CountToLimit(stamp);
 }
 
 void Emit(std::shared_ptr<MetricsEvent>&& event) {
@@ -114,23 +197,29 @@ void Emit(std::shared_ptr<MetricsEvent>&& event) {
         return EmitShutdown(*event);
     if (!PassesLiveMask(event->bits))
         return;
-    ThreadRecord& record = s_threads.Current();
+    ThreadRecord& record = RecordOfEmitter();
     const Stamp stamp = s_stampClock.Take(t_thread.wallOffset);
-    PutStamp(stamp, *event);
-    if (s_consumers.HasSynchronous()) [[unlikely]] {
-        s_consumers.CallSynchronous(record, *event);
-        if (!s_life.Accepts())
-            return;
-    }
-    record.queue.Append(stamp, std::move(event));
+    PutStamp(stamp.ticks, stamp.wall, *event);
+    if (s_consumers.HasSynchronous() && !ShowToSynchronousConsumers(record, stamp, *event))
+        [[unlikely]]
+        return;
+    const std::size_t bytes =
+        sizeof(MetricsEvent) + BytesOf(event->param1) + BytesOf(event->param2);
+    OutsideCharge charge(bytes);
+    if (charge.IsRefused() || !OrLost(record, [&] {
+            return record.queue.Append(stamp, std::move(event), charge.For(bytes));
+        }))
+        return record.losses.CountToLimit(stamp);
+    charge.Keep();
 }
 
 void EmitShutdown(MetricsEvent& event) {
     if (!s_life.Accepts())
         return;
     ThreadRecord& record = s_threads.Current();
-    PutStamp(s_stampClock.Take(t_thread.wallOffset), event);
-    s_consumers.CallSynchronous(record, event);
+    const Stamp stamp = s_stampClock.Take(t_thread.wallOffset);
+    PutStamp(stamp.ticks, stamp.wall, event);
+    s_consumers.CallSynchronous(record, event, stamp.ticks);
     Delivery* const delivery = FindDelivery();
     if (delivery != nullptr && !InForkedChild())
         delivery->EndHere(); // behind what the consumers have emitted
@@ -143,8 +232,9 @@ void ShowShutdown() noexcept {
         ThreadRecord& record = s_threads.Current();
         MetricsEvent event;
         event.eventType = MetricsEventType::Shutdown;
-        PutStamp(s_stampClock.Take(t_thread.wallOffset), event);
-        s_consumers.CallSynchronousQuietly(record, event);
+        const Stamp stamp = s_stampClock.Take(t_thread.wallOffset);
+        PutStamp(stamp.ticks, stamp.wall, event);
+        s_consumers.CallSynchronousQuietly(record, event, stamp.ticks);
     } catch (const std::bad_alloc&) {
         // No memory for this thread's record: nobody is told.
     }

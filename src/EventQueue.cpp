@@ -1,5 +1,7 @@
 #include "EventQueue.h"
 
+#include <algorithm>
+
 namespace Metrics::detail {
 
 static_assert(sizeof(Record) + 2 * copiedText + sizeof(std::uint64_t) <=
@@ -15,62 +17,203 @@ std::byte* EventQueue::BeginNextChunk(std::byte* at) {
     // Relaxed, here and below: published by the first record of the new chunk.
     chunk.next.store(nullptr, std::memory_order_relaxed);
     chunk.hasObjects.store(false, std::memory_order_relaxed);
+    chunk.charged.store(0, std::memory_order_relaxed);
     if (at == nullptr) {
         m_first = &chunk;
     } else {
         Chunk* const full = Chunk::Of(at - 1);
+        full->appended = m_appended.load(std::memory_order_relaxed);
         full->next.store(&chunk, std::memory_order_relaxed);
         if (Chunk::RoomAt(at) != 0)
             Record::At(at)->size = 0; // the end mark
     }
+    m_begun.store(m_begun.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    m_roomEnd = reinterpret_cast<std::byte*>(&chunk) + Chunk::size;
     return chunk.Begin();
 }
 
-void EventQueue::Append(const Stamp& stamp, std::shared_ptr<MetricsEvent>&& event) {
-    Record& record = Reserve(stamp, sizeof(Record));
+std::byte* EventQueue::MakeRoom(std::byte* at, std::size_t size) {
+    if (s_queueLimit.IsSet()) [[unlikely]]
+        return MakeLimitedRoom(at, size);
+    const std::size_t room = Chunk::RoomAt(at);
+    if (room < size)
+        return BeginNextChunk(at);
+    m_roomEnd = at + room; // there was a limit when the last grant was made
+    return at;
+}
+
+std::byte* EventQueue::MakeLimitedRoom(std::byte* at, std::size_t size) {
+    for (;;) {
+        const std::size_t room = Chunk::RoomAt(at);
+        const auto granted = static_cast<std::size_t>(m_roomEnd - at); // less than is needed
+        const bool isNew = room < size;
+        // What stays unused at the end of a chunk is taken as well, and so is the head of the next.
+        const std::size_t fixed = isNew ? room - granted + sizeof(Chunk) : 0;
+        const std::size_t least = fixed + size - (isNew ? 0 : granted);
+        const std::size_t wanted =
+            std::max(least, std::min(isNew ? fixed + Chunk::size - sizeof(Chunk) : room - granted,
+                                     fixed + s_queueLimit.Grant()));
+        std::size_t taken = wanted;
+        if (!s_queueLimit.Take(wanted)) {
+            taken = least;
+            if (!s_queueLimit.TakeOrMakeRoom(least))
+                return nullptr;
+        }
+        // Relaxed: the thread's own. Code of the application may have run, and emitted.
+        if (std::byte* const now = m_published.load(std::memory_order_relaxed); now != at)
+            [[unlikely]] {
+            s_queueLimit.Give(taken);
+            if (static_cast<std::size_t>(m_roomEnd - now) >= size)
+                return now;
+            at = now;
+            continue;
+        }
+        if (!isNew) {
+            std::atomic<std::uint32_t>& charged = Chunk::Of(at - 1)->charged;
+            charged.store(charged.load(std::memory_order_relaxed) +
+                              static_cast<std::uint32_t>(taken),
+                          std::memory_order_relaxed);
+            m_roomEnd += taken;
+            return at;
+        }
+        std::byte* begin = nullptr;
+        try {
+            begin = BeginNextChunk(at);
+        } catch (...) {
+            s_queueLimit.Give(taken);
+            throw;
+        }
+        const std::size_t rest = room - granted;
+        if (rest != 0) {
+            std::atomic<std::uint32_t>& charged = Chunk::Of(at - 1)->charged;
+            charged.store(charged.load(std::memory_order_relaxed) +
+                              static_cast<std::uint32_t>(rest),
+                          std::memory_order_relaxed);
+        }
+        Chunk::Of(begin)->charged.store(static_cast<std::uint32_t>(taken - rest),
+                                        std::memory_order_relaxed);
+        m_roomEnd = begin + (taken - rest - sizeof(Chunk));
+        return begin;
+    }
+}
+
+bool EventQueue::Append(const Stamp& stamp, std::shared_ptr<MetricsEvent>&& event,
+                        Outside outside) {
+    Record* const reserved = Reserve(stamp, sizeof(Record));
+    if (reserved == nullptr)
+        return false;
+    Record& record = *reserved;
     record.type = static_cast<std::int32_t>(event->eventType);
     record.first = record.second = Record::Form::Shared;
+    record.bits = outside.Word();
     ::new (record.slots) std::shared_ptr<MetricsEvent>(std::move(event));
     Chunk::Of(record.Tail() - 1)->MarkObjects();
     Publish(record);
+    CountOutside(outside);
+    return true;
 }
 
-void EventQueue::EnterNextChunk() noexcept {
-    if (m_read == nullptr) {
-        m_read = m_first->Begin();
-        return;
+std::byte* EventQueue::EnterNextChunk() noexcept {
+    Chunk* next = m_first;
+    if (std::byte* const at = Read(); at != nullptr) {
+        Chunk* const left = Chunk::Of(at - 1);
+        // Relaxed: published with a record behind it, which was seen.
+        next = left->next.load(std::memory_order_relaxed);
+        s_queueLimit.Give(left->charged.load(std::memory_order_relaxed) - m_givenBack);
+        m_givenBack = 0;
+        s_chunks.Put(*left);
     }
-    Chunk* const left = Chunk::Of(m_read - 1);
-    m_read = left->next.load(std::memory_order_relaxed)->Begin();
-    s_chunks.Put(*left);
+    m_entered.store(m_entered.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    m_read.store(next->Begin(), std::memory_order_relaxed);
+    return next->Begin();
 }
 
-void EventQueue::Destroy(Record& record) noexcept {
-    if (record.first == Record::Form::Shared) {
-        record.SharedEvent().~shared_ptr();
+void EventQueue::GiveBack() noexcept {
+    const std::byte* const at = Read();
+    if (at == nullptr)
         return;
-    }
+    // What the owner is granted meanwhile lies behind.
+    const std::size_t charged = Chunk::Of(at - 1)->charged.load(std::memory_order_relaxed);
+    const std::size_t done = std::min(charged, Chunk::size - Chunk::RoomAt(at));
+    if (done > m_givenBack)
+        s_queueLimit.Give(done - std::exchange(m_givenBack, done));
+}
+
+void EventQueue::CountOutsideTaken(Outside outside) noexcept {
+    if (outside.Bytes() == 0)
+        return;
+    s_queueLimit.Give(outside.Charged());
+    m_outsideTaken.store(m_outsideTaken.load(std::memory_order_relaxed) + outside.Bytes(),
+                         std::memory_order_relaxed);
+}
+
+std::size_t EventQueue::QueuedBytes() const noexcept {
+    const auto below = [](std::uint64_t taken, std::uint64_t all) {
+        return static_cast<std::size_t>(all > taken ? all - taken : 0);
+    };
+    // What was taken first, so that the difference is rather too large than too small.
+    const std::uint64_t taken = Position(Read(), m_entered.load(std::memory_order_relaxed));
+    const std::uint64_t outsideTaken = m_outsideTaken.load(std::memory_order_relaxed);
+    return below(taken, Position(Published(), m_begun.load(std::memory_order_relaxed))) +
+           below(outsideTaken, m_outside.load(std::memory_order_relaxed));
+}
+
+namespace {
+
+/// Calls `see(value, outside)` for each MetricsValue in the record.
+template <class See>
+void ForEachValue(Record& record, See see) {
     std::byte* tail = record.Tail();
-    const auto destroy = [&tail](Record::Form form, const Record::Slot& slot) {
+    const auto look = [&](Record::Form form, const Record::Slot& slot) {
         if (form == Record::Form::Characters) {
             tail += (slot.length + 7) & ~std::size_t{7};
         } else if (form == Record::Form::Value) {
-            std::launder(reinterpret_cast<MetricsValue*>(tail))->~MetricsValue();
+            see(*std::launder(reinterpret_cast<MetricsValue*>(tail)),
+                Outside::FromWord(slot.length));
             tail += sizeof(MetricsValue);
         }
     };
-    destroy(record.first, record.slots[0]);
-    destroy(record.second, record.slots[1]);
+    look(record.first, record.slots[0]);
+    look(record.second, record.slots[1]);
+}
+
+} // namespace
+
+void EventQueue::Destroy(Record& record) noexcept {
+    if (record.first == Record::Form::Shared) {
+        CountOutsideTaken(Outside::FromWord(record.bits));
+        record.SharedEvent().~shared_ptr();
+        return;
+    }
+    ForEachValue(record, [this](MetricsValue& value, Outside outside) {
+        CountOutsideTaken(outside);
+        value.~MetricsValue();
+    });
+}
+
+void EventQueue::Destroy(Record& record, Remains& remains) {
+    if (record.first == Record::Form::Shared) {
+        remains.events.push_back(record.SharedEvent());
+    } else {
+        remains.values.reserve(remains.values.size() + 2); // or it throws in the middle
+        ForEachValue(record, [&remains](MetricsValue& value, Outside) {
+            remains.values.push_back(std::move(value));
+        });
+    }
+    Destroy(record);
 }
 
 void EventQueue::Discard(const std::byte* end) noexcept {
-    while (m_read != end) {
+    while (Read() != end) {
         Record& front = *Front(end); // enters the chunk
-        Chunk* const chunk = Chunk::Of(m_read);
-        const bool isWhole = chunk != Chunk::Of(end - 1) && m_read == chunk->Begin();
+        std::byte* const at = Read();
+        Chunk* const chunk = Chunk::Of(at);
+        const bool isWhole = chunk != Chunk::Of(end - 1) && at == chunk->Begin();
         if (isWhole && !chunk->hasObjects.load(std::memory_order_relaxed)) {
-            m_read =
-                reinterpret_cast<std::byte*>(chunk) + Chunk::size; // its end: the next one follows
+            // Its end: the next one follows.
+            m_read.store(reinterpret_cast<std::byte*>(chunk) + Chunk::size,
+                         std::memory_order_relaxed);
+            CountTaken(chunk->appended);
             continue;
         }
         Destroy(front);
@@ -79,11 +222,18 @@ void EventQueue::Discard(const std::byte* end) noexcept {
 }
 
 void EventQueue::Release() noexcept {
-    if (m_read == nullptr)
+    std::byte* const at = Read();
+    if (at == nullptr)
         return;
-    s_chunks.Put(*Chunk::Of(m_read - 1));
-    m_read = nullptr;
+    Chunk* const last = Chunk::Of(at - 1);
+    s_queueLimit.Give(last->charged.load(std::memory_order_relaxed) - m_givenBack);
+    m_givenBack = 0;
+    s_chunks.Put(*last);
+    m_read.store(nullptr, std::memory_order_relaxed);
+    m_entered.store(0, std::memory_order_relaxed);
+    m_begun.store(0, std::memory_order_relaxed);
     m_first = nullptr;
+    m_roomEnd = nullptr;
     m_published.store(nullptr, std::memory_order_relaxed);
 }
 

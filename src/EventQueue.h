@@ -2,6 +2,7 @@
 #define METRICS_SRC_EVENT_QUEUE_H
 
 #include "ChunkPool.h"
+#include "QueueLimit.h"
 #include "StampClock.h"
 
 #include <metrics/MetricsArgument.h>
@@ -14,6 +15,7 @@
 #include <memory>
 #include <new>
 #include <utility>
+#include <vector>
 
 namespace Metrics::detail {
 
@@ -72,7 +74,7 @@ struct Record {
     union Slot {
         std::int64_t integer;
         double number;
-        std::size_t length; // of Characters
+        std::size_t length; // of Characters; of a Value: the Outside that it holds
     } slots[2];
 
     std::byte* Tail() noexcept { return reinterpret_cast<std::byte*>(this + 1); }
@@ -96,6 +98,32 @@ static_assert(
     sizeof(Record) == 64 && sizeof(Chunk) == 64,
     "an event of two numbers is one cache line, and begins at one where no text came before");
 static_assert(sizeof(std::shared_ptr<MetricsEvent>) <= sizeof(Record::slots));
+
+/// Memory that a record holds outside of the queue: how many bytes, and whether the QueueLimit has
+/// been charged for them.
+class Outside {
+public:
+    constexpr Outside() noexcept = default;
+    constexpr Outside(std::size_t bytes, bool isCharged) noexcept
+        : m_word((bytes << 1) | (isCharged ? 1 : 0)) {}
+    static constexpr Outside FromWord(std::size_t word) noexcept {
+        Outside outside;
+        outside.m_word = word;
+        return outside;
+    }
+    std::size_t Word() const noexcept { return m_word; }
+    std::size_t Bytes() const noexcept { return m_word >> 1; }
+    std::size_t Charged() const noexcept { return (m_word & 1) != 0 ? Bytes() : 0; }
+
+private:
+    std::size_t m_word = 0;
+};
+
+/// What a dropped record held, to be destroyed where code of the application may run.
+struct Remains {
+    std::vector<MetricsValue> values;
+    std::vector<std::shared_ptr<MetricsEvent>> events;
+};
 
 /// What waits of one thread's events: records in chunks, of which only that thread writes and only
 /// the delivery thread reads, neither ever waiting for the other.
@@ -122,15 +150,22 @@ class EventQueue {
 public:
     // Owner ------------------------------------------------------------------------------------
 
-    /// Appends an event with two values, none of which is longer than copiedText.
+    /// Appends an event with two values, none of which is longer than copiedText. The length of a
+    /// value that is a MetricsValue is the word of its Outside.
     /// Cost: stores only, but for a chunk from the pool once in 31 events of two numbers.
-    /// @throws std::bad_alloc; nothing was appended and nothing moved from then.
-    void Append(const Stamp& stamp, const EventHead& head, const Argument& first,
+    /// @return false at the queue limit; nothing was appended and nothing moved from then.
+    /// @throws std::bad_alloc; the same.
+    bool Append(const Stamp& stamp, const EventHead& head, const Argument& first,
                 const Argument& second);
 
-    /// Appends an event that somebody shares.
-    /// @throws std::bad_alloc; nothing was appended and nothing moved from then.
-    void Append(const Stamp& stamp, std::shared_ptr<MetricsEvent>&& event);
+    /// Appends an event that somebody shares. The same otherwise.
+    bool Append(const Stamp& stamp, std::shared_ptr<MetricsEvent>&& event, Outside outside);
+
+    /// Behind an Append of values that hold so much.
+    void CountOutside(Outside outside) noexcept {
+        m_outside.store(m_outside.load(std::memory_order_relaxed) + outside.Bytes(),
+                        std::memory_order_relaxed);
+    }
 
     // Delivery thread --------------------------------------------------------------------------
 
@@ -139,50 +174,97 @@ public:
 
     /// The next record before `end`, which Published has returned; null when there is none.
     Record* Front(const std::byte* end) noexcept {
-        if (m_read == end)
+        std::byte* at = Read();
+        if (at == end)
             return nullptr;
-        if (Chunk::RoomAt(m_read) == 0 || Record::At(m_read)->size == 0) [[unlikely]]
-            EnterNextChunk();
-        return Record::At(m_read);
+        if (Chunk::RoomAt(at) == 0 || Record::At(at)->size == 0) [[unlikely]]
+            at = EnterNextChunk();
+        return Record::At(at);
     }
 
     /// Goes on behind the record at the front, whose contents were taken out or destroyed.
-    void Pop() noexcept { m_read += Record::At(m_read)->size; }
+    void Pop() noexcept {
+        m_read.store(Read() + Record::At(Read())->size, std::memory_order_relaxed);
+        CountTaken(m_taken.load(std::memory_order_relaxed) + 1);
+    }
+    /// Of a record at the front that holds memory outside: it is being taken out.
+    void CountOutsideTaken(Outside outside) noexcept;
+    /// Tells the queue limit how far the queue was read.
+    void GiveBack() noexcept;
 
     /// Destroys what Front has returned, without having looked at it.
-    static void Destroy(Record& record) noexcept;
+    void Destroy(Record& record) noexcept;
+
+    /// The same, but what is to be destroyed is left to the caller.
+    /// @throws std::bad_alloc; the record is as it was.
+    void Destroy(Record& record, Remains& remains);
 
     /// Drops all records before `end`: whole chunks unread, unless something in them is to be
     /// destroyed. Code of the application may run then.
     void Discard(const std::byte* end) noexcept;
 
     /// Whether everything that was appended was taken out.
-    bool IsEmpty() const noexcept { return m_read == Published(); }
+    bool IsEmpty() const noexcept { return Read() == Published(); }
 
     /// Of an empty queue without an owner: gives the last chunk back.
     void Release() noexcept;
 
+    // Any thread -------------------------------------------------------------------------------
+
+    /// How many records were ever taken out, and ever appended. Read in this order, the first is
+    /// not above the second.
+    std::uint64_t Taken() const noexcept { return m_taken.load(std::memory_order_acquire); }
+    std::uint64_t Appended() const noexcept { return m_appended.load(std::memory_order_relaxed); }
+
+    /// The memory that waiting records take, in the chunks and outside. Exact while nobody appends
+    /// or takes; otherwise it may be off by a chunk.
+    std::size_t QueuedBytes() const noexcept;
+
 private:
-    Record& Reserve(const Stamp& stamp, std::size_t size);
+    Record* Reserve(const Stamp& stamp, std::size_t size);
+    std::byte* MakeRoom(std::byte* at, std::size_t size);
+    std::byte* MakeLimitedRoom(std::byte* at, std::size_t size);
     std::byte* BeginNextChunk(std::byte* at);
     void Publish(Record& record) noexcept;
-    void EnterNextChunk() noexcept;
+    std::byte* EnterNextChunk() noexcept;
+    std::byte* Read() const noexcept { return m_read.load(std::memory_order_relaxed); }
+    void CountTaken(std::uint64_t taken) noexcept {
+        // Release: pairs with Taken; what was taken had been appended.
+        m_taken.store(taken, std::memory_order_release);
+    }
 
-    // Written by the owner. What it has no need to publish it derives from m_published.
+    /// Where a pointer into the chunks stands, in bytes from the queue's very beginning.
+    static std::uint64_t Position(const std::byte* at, std::uint64_t chunks) noexcept {
+        return at == nullptr ? 0 : chunks * Chunk::size - Chunk::RoomAt(at);
+    }
+
+    // Written by the owner, read by whoever wants figures. Relaxed, but for the first one.
     std::atomic<std::byte*> m_published{nullptr};
-    Chunk* m_first = nullptr; // published by the first record
+    std::byte* m_roomEnd =
+        nullptr; // up to where may be written: the chunk's end, or what is granted
+    std::atomic<std::uint64_t> m_appended{0}; // records, ever
+    std::atomic<std::uint64_t> m_begun{0};    // chunks, ever
+    std::atomic<std::uint64_t> m_outside{0};  // bytes, ever
+    Chunk* m_first = nullptr;                 // published by the first record
 
     // Written by the delivery thread, and on another cache line.
-    alignas(64) std::byte* m_read = nullptr;
+    alignas(64) std::atomic<std::byte*> m_read{nullptr};
+    std::atomic<std::uint64_t> m_taken{0};
+    std::atomic<std::uint64_t> m_entered{0};
+    std::atomic<std::uint64_t> m_outsideTaken{0};
+    std::size_t m_givenBack = 0; // of the chunk in which m_read stands
 };
 
-inline Record& EventQueue::Reserve(const Stamp& stamp, std::size_t size) {
+inline Record* EventQueue::Reserve(const Stamp& stamp, std::size_t size) {
     // Relaxed: the thread's own.
     std::byte* at = m_published.load(std::memory_order_relaxed);
     if (stamp.ticket != 0) [[unlikely]]
         size += sizeof stamp.ticket;
-    if (Chunk::RoomAt(at) < size) [[unlikely]]
-        at = BeginNextChunk(at);
+    if (static_cast<std::size_t>(m_roomEnd - at) < size) [[unlikely]] {
+        at = MakeRoom(at, size);
+        if (at == nullptr)
+            return nullptr;
+    }
     Record& record = *Record::At(at);
     record.size = size & 0x7FFF; // at most that of a chunk
     record.hasTicket = 0;
@@ -192,10 +274,12 @@ inline Record& EventQueue::Reserve(const Stamp& stamp, std::size_t size) {
         record.hasTicket = 1;
         std::memcpy(at + size - sizeof stamp.ticket, &stamp.ticket, sizeof stamp.ticket);
     }
-    return record;
+    return &record;
 }
 
 inline void EventQueue::Publish(Record& record) noexcept {
+    // Not an addition of its own: nobody else writes it.
+    m_appended.store(m_appended.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     // Release: invariant 1.
     m_published.store(reinterpret_cast<std::byte*>(&record) + record.size,
                       std::memory_order_release);
@@ -217,6 +301,7 @@ inline std::size_t TailOf(const Argument& argument) noexcept {
         CopyCharacters(tail, argument.characters, argument.length);
     } else if (argument.form == Argument::Form::Value) {
         form = Record::Form::Value;
+        slot.length = argument.length;
         ::new (tail) MetricsValue(std::move(*argument.value));
         Chunk::Of(tail)->MarkObjects();
     } else {
@@ -227,12 +312,15 @@ inline std::size_t TailOf(const Argument& argument) noexcept {
     return tail + TailOf(argument);
 }
 
-inline void EventQueue::Append(const Stamp& stamp, const EventHead& head, const Argument& first,
+inline bool EventQueue::Append(const Stamp& stamp, const EventHead& head, const Argument& first,
                                const Argument& second) {
     const bool areNumbers =
         first.form < Argument::Form::Characters && second.form < Argument::Form::Characters;
-    Record& record =
+    Record* const reserved =
         Reserve(stamp, sizeof(Record) + (areNumbers ? 0 : TailOf(first) + TailOf(second)));
+    if (reserved == nullptr) [[unlikely]]
+        return false;
+    Record& record = *reserved;
     record.type = static_cast<std::int32_t>(head.type);
     record.sourceId = head.sourceId;
     record.contextId = head.contextId;
@@ -240,6 +328,7 @@ inline void EventQueue::Append(const Stamp& stamp, const EventHead& head, const 
     std::byte* const tail = PutArgument(first, record.first, record.slots[0], record.Tail());
     PutArgument(second, record.second, record.slots[1], tail);
     Publish(record);
+    return true;
 }
 
 } // namespace Metrics::detail

@@ -3,6 +3,8 @@
 #include "Consumers.h"
 #include "Delivery.h"
 #include "Emit.h"
+#include "Faults.h"
+#include "Ledger.h"
 
 #include <metrics/MetricsFilter.h>
 
@@ -133,8 +135,10 @@ bool Lifecycle::EndUntil(steady_clock::time_point& deadline) noexcept {
         const bool wasEnabled = Accepts(); // and the thread could not be started
         m_phase = Phase::Off;
         SwitchMaskOff();
-        if (wasEnabled)
+        if (wasEnabled) {
+            s_ledger.KeepConsumers();
             s_consumers.ReleaseAll(deadline);
+        }
     } else {
         // 1. The synchronous consumers are told. The time that they take comes on top.
         const auto start = steady_clock::now();
@@ -169,6 +173,31 @@ bool Lifecycle::Disable() noexcept {
     auto deadline = steady_clock::now() + stopWait;
     m_deadline = deadline;
     return EndUntil(deadline);
+}
+
+MetricsShutdownReport Lifecycle::Shutdown(unsigned int milliseconds) noexcept {
+    const korsys::NoCancellation noCancellation;
+    NoticeFork();
+    MetricsShutdownReport report;
+    if (IsForkedChild())
+        return report;
+    auto deadline = steady_clock::now() + std::chrono::milliseconds(milliseconds);
+    if (ClaimEnd()) {
+        m_deadline = deadline;
+        EndUntil(deadline);
+    } else {
+        PollUntil(deadline, [this] { return m_end == End::Done; });
+    }
+    const Delivery* const delivery = FindDelivery();
+    report.ended = delivery != nullptr && delivery->HasEnded();
+    try {
+        if (!report.ended)
+            report.stuckConsumer = s_consumers.NowCalled(report.stuckNanoseconds);
+        report.statistics = s_ledger.Read();
+    } catch (const std::bad_alloc&) {
+        report.statistics = s_ledger.Counts(); // no memory for names
+    }
+    return report;
 }
 
 void Lifecycle::ShutDown() noexcept {
@@ -211,6 +240,7 @@ void Lifecycle::ExitOrUnload() noexcept {
     if (m_hasExitHandler && !m_isExiting && !m_isStuck) {
         s_threads.FreeRecords();
         s_chunks.Unmap();
+        s_ledger.Free();
     }
 }
 
@@ -233,6 +263,7 @@ void Lifecycle::ContinueInChild() noexcept {
         ::new (&m_lock) korsys::Mutex;
         s_threads.AdoptInChild();
         s_consumers.ResetLocks();
+        s_faults.ResetLock();
         return;
     }
     // The delivery thread is gone. What it and others may have held is left as it is.

@@ -1,6 +1,8 @@
 #ifndef METRICS_SRC_LIFECYCLE_H
 #define METRICS_SRC_LIFECYCLE_H
 
+#include <metrics/MetricsStatistics.h>
+
 #include <korsys/Mutex.h>
 
 #include <atomic>
@@ -58,6 +60,8 @@ public:
     void SetThreadInitFunction(std::function<void()>&& function) KORSYS_EXCLUDES(m_lock);
     /// See MetricsManager::Disable.
     bool Disable() noexcept KORSYS_EXCLUDES(m_lock);
+    /// See MetricsManager::Shutdown.
+    MetricsShutdownReport Shutdown(unsigned int milliseconds) noexcept KORSYS_EXCLUDES(m_lock);
     /// See MetricsManager::ShutdownAndFreeInstance.
     void ShutDown() noexcept KORSYS_EXCLUDES(m_lock);
 

@@ -23,6 +23,7 @@ public:
     void Begin(std::uint64_t cut) noexcept {
         m_cut = cut;
         m_sources.clear();
+        m_record = nullptr;
     }
 
     /// Looks at a queue, after the cut was taken. `emitter` is its owner.
@@ -34,38 +35,42 @@ public:
             m_sources.push_back({&queue, end, front->Order(), emitter});
     }
 
-    /// Hands each record to `deliver(record, emitter)`, which takes its contents out; it is popped
-    /// when that returns true. When it returns false or throws, the record and the rest stay.
-    template <class Deliver>
-    void Run(Deliver deliver) {
+    /// Behind the last Add.
+    void Order() noexcept {
         std::make_heap(m_sources.begin(), m_sources.end());
-        while (!m_sources.empty()) {
-            std::pop_heap(m_sources.begin(), m_sources.end());
-            Source& source = m_sources.back();
-            // This queue's turn lasts until another one's next record is older.
-            const std::uint64_t until =
-                m_sources.size() == 1 ? m_cut : std::min(m_cut, m_sources.front().order);
-            Record* record = source.queue->Front(source.end);
-            do {
-                if (!deliver(*record, source.emitter))
-                    return;
-                source.queue->Pop();
-                record = source.queue->Front(source.end);
-            } while (record != nullptr && record->Order() <= until);
-            if (record != nullptr && record->Order() <= m_cut) {
-                source.order = record->Order();
-                std::push_heap(m_sources.begin(), m_sources.end());
-            } else {
-                m_sources.pop_back();
-            }
+        TakeSource();
+    }
+
+    /// The next record; null when there is none.
+    Record* Front() const noexcept { return m_record; }
+    /// Of the next record: its queue, and who emitted it.
+    EventQueue& Queue() const noexcept { return *m_sources.back().queue; }
+    pid_t Emitter() const noexcept { return m_sources.back().emitter; }
+
+    /// Goes on behind the next record, whose contents were taken out.
+    void Pop() noexcept {
+        Source& source = m_sources.back();
+        source.queue->Pop();
+        m_record = source.queue->Front(source.end);
+        if (m_record != nullptr && m_record->Order() <= m_until) [[likely]]
+            return; // this queue's turn lasts until another one's next record is older
+        if (m_record != nullptr && m_record->Order() <= m_cut) {
+            source.order = m_record->Order();
+            std::push_heap(m_sources.begin(), m_sources.end());
+        } else {
+            source.queue->GiveBack();
+            m_sources.pop_back();
         }
+        TakeSource();
     }
 
     /// Drops what was found in these queues. Code of the application may run.
     /// @return of how many queues.
     std::size_t Discard() noexcept {
-        for (const Source& source : m_sources)
+        for (const Source& source : m_sources) {
             source.queue->Discard(source.end);
+            source.queue->GiveBack();
+        }
         return m_sources.size();
     }
 
@@ -86,7 +91,20 @@ private:
         }
     };
 
+    /// Puts the queue with the oldest record behind the heap of the others.
+    void TakeSource() noexcept {
+        m_record = nullptr;
+        if (m_sources.empty())
+            return;
+        std::pop_heap(m_sources.begin(), m_sources.end());
+        Source& source = m_sources.back();
+        m_until = m_sources.size() == 1 ? m_cut : std::min(m_cut, m_sources.front().order);
+        m_record = source.queue->Front(source.end);
+    }
+
     std::uint64_t m_cut = 0;
+    std::uint64_t m_until = 0;
+    Record* m_record = nullptr;
     std::vector<Source> m_sources;
 };
 

@@ -2,7 +2,10 @@
 #include "ContextState.h"
 #include "Delivery.h"
 #include "Emit.h"
+#include "Faults.h"
+#include "Ledger.h"
 #include "Lifecycle.h"
+#include "QueueLimit.h"
 
 #include <metrics/MetricsContext.h>
 #include <metrics/MetricsManager.h>
@@ -48,6 +51,10 @@ void MetricsManager::Enable() {
 
 bool MetricsManager::Disable() noexcept {
     return s_life.Disable();
+}
+
+MetricsShutdownReport MetricsManager::Shutdown(unsigned int milliseconds) noexcept {
+    return s_life.Shutdown(milliseconds);
 }
 
 void MetricsManager::SetThreadInitFunction(std::function<void()> function) {
@@ -97,10 +104,15 @@ void MetricsManager::ClearBits(std::uint64_t bits) noexcept {
 
 bool MetricsManager::AddConsumer(MetricsListenerPtr listener, std::uint64_t bits,
                                  bool synchronous) {
+    return AddConsumer(std::move(listener), bits, synchronous, {});
+}
+
+bool MetricsManager::AddConsumer(MetricsListenerPtr listener, std::uint64_t bits, bool synchronous,
+                                 const MetricsConsumerOptions& options) {
     s_life.NoticeFork();
     if (!listener || detail::IsInsideCall() || !s_life.Accepts())
         return false;
-    return s_consumers.Add(std::move(listener), bits, synchronous);
+    return s_consumers.Add(std::move(listener), bits, synchronous, options);
 }
 
 // NOLINTNEXTLINE(performance-unnecessary-value-param): as the interface has it
@@ -118,6 +130,35 @@ void MetricsManager::EmitEvent(std::shared_ptr<MetricsEvent> event) {
 
 void MetricsManager::WaitUntilWritesFlushed(unsigned int milliseconds) {
     detail::FlushUntil(steady_clock::now() + std::chrono::milliseconds(milliseconds));
+}
+
+// Operation ------------------------------------------------------------------------------------
+
+MetricsStatistics MetricsManager::GetStatistics() {
+    s_life.NoticeFork();
+    return detail::s_ledger.Read();
+}
+
+void MetricsManager::SetQueueLimit(std::uint64_t bytes, MetricsQueuePolicy policy,
+                                   unsigned int milliseconds) noexcept {
+    s_life.NoticeFork();
+    if (IsOff())
+        return;
+    detail::s_queueLimit.SetThreads(detail::s_threads.Size());
+    detail::s_queueLimit.Set(bytes, policy, milliseconds, &detail::MakeRoom);
+    detail::Delivery* const delivery = detail::FindDelivery();
+    if (delivery == nullptr || !detail::DropsOldest())
+        return;
+    delivery->Wake();
+    if (!detail::IsInsideCall() && !detail::t_thread.isDeliveryThread)
+        delivery->WaitForSharing(steady_clock::now() + std::chrono::milliseconds(100));
+}
+
+void MetricsManager::SetErrorHandler(std::function<void(const MetricsError&)> handler,
+                                     unsigned int lagMilliseconds) {
+    s_life.NoticeFork();
+    if (!IsOff())
+        detail::s_faults.SetHandler(std::move(handler), lagMilliseconds);
 }
 
 // Thread contexts ------------------------------------------------------------------------------

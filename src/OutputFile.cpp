@@ -1,5 +1,6 @@
 #include "OutputFile.h"
 
+#include "Faults.h"
 #include "NoWriteSignals.h"
 
 #include <korsys/NoCancellation.h>
@@ -61,13 +62,18 @@ void OutputFile::Fail(int error) noexcept {
     m_error.compare_exchange_strong(none, error, std::memory_order_relaxed);
 }
 
+void OutputFile::FailInWrite(int error) noexcept {
+    Fail(error);
+    s_faults.NoteFailedWrite(m_path, error);
+}
+
 void OutputFile::Write(std::string_view bytes) noexcept {
     while (!bytes.empty() && !HasFailed() && !m_stopped.load(std::memory_order_relaxed)) {
         const ssize_t written = write(m_file, bytes.data(), bytes.size());
         if (written > 0)
             bytes.remove_prefix(static_cast<std::size_t>(written));
         else if (written == 0 || errno != EINTR)
-            Fail(written == 0 ? EIO : errno);
+            FailInWrite(written == 0 ? EIO : errno);
     }
 }
 

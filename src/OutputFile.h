@@ -48,6 +48,7 @@ public:
 private:
     void Open();
     void Fail(int error) noexcept;
+    void FailInWrite(int error) noexcept;
 
     const std::string m_path;
     int m_file = -1;

@@ -22,6 +22,44 @@ class IMetricsListener;
 
 namespace detail {
 
+/// Adds to a number that one thread alone writes; others may read it. Relaxed: a number for itself.
+inline void Count(std::atomic<std::uint64_t>& number, std::uint64_t more = 1) noexcept {
+    number.store(number.load(std::memory_order_relaxed) + more, std::memory_order_relaxed);
+}
+
+/// The accepted events of one thread that were not appended, by reason. Written by that thread.
+struct Losses {
+    std::atomic<std::uint64_t> toLimit{0};
+    std::atomic<std::uint64_t> toMemory{0};
+    std::atomic<std::uint64_t> toException{0};
+    std::atomic<std::uint64_t> toShutdown{0};
+
+    // The first event lost to the limit that the stream has not told of yet.
+    std::atomic<std::uint64_t> gapTicks{0};
+    std::atomic<std::uint64_t> gapWall{0};
+    std::atomic<std::uint64_t> told{0}; // of toLimit; written by the delivery thread
+
+    void CountToLimit(const Stamp& stamp) noexcept {
+        const std::uint64_t lost = toLimit.load(std::memory_order_relaxed);
+        if (told.load(std::memory_order_relaxed) == lost) {
+            gapTicks.store(stamp.ticks, std::memory_order_relaxed);
+            gapWall.store(stamp.wall, std::memory_order_relaxed);
+        }
+        toLimit.store(lost + 1, std::memory_order_release); // where the gap begins
+    }
+};
+
+/// What a thread has called a synchronous consumer for. Written by that thread.
+struct CallCounts {
+    static constexpr std::size_t slots = 8;
+
+    std::atomic<std::uint32_t> registration{0}; // whose counts these are
+    std::atomic<std::uint64_t> calls{0};
+    std::atomic<std::uint64_t> exceptions{0};
+    std::atomic<std::uint64_t> total{0};
+    std::atomic<std::uint64_t> longest{0};
+};
+
 /// What the library keeps of one thread. It stands on the heap and not in the thread's own storage,
 /// since it is read when the thread may have ended.
 struct alignas(64) ThreadRecord {
@@ -42,9 +80,18 @@ struct alignas(64) ThreadRecord {
     std::atomic<pid_t> owner{0};      // kernel's thread id; 0: nobody's
     ThreadRecord* nextFree = nullptr; // ThreadTable's lock
     ThreadRecord* next = nullptr;     // never changes once the record is in the table
+
+    // Written by the owning thread where something is lost.
+    alignas(64) Losses losses;
+    std::atomic<CallCounts*> callCounts{nullptr}; // as many as there are slots; made on first use
+
+    ThreadRecord() = default;
+    ~ThreadRecord() { delete[] callCounts.load(std::memory_order_relaxed); }
+    ThreadRecord(const ThreadRecord&) = delete;
+    ThreadRecord& operator=(const ThreadRecord&) = delete;
 };
 
-static_assert(sizeof(ThreadRecord) == 192, "no thread writes into another's cache lines");
+static_assert(sizeof(ThreadRecord) == 256, "no thread writes into another's cache lines");
 static_assert(sizeof(ThreadRecord) + Chunk::size <= 4096, "what an idle thread keeps");
 
 /// A consumer call in progress on this thread; they form a chain, innermost first.
@@ -112,6 +159,14 @@ public:
     /// many threads have come that it is worth the while.
     void Sweep() noexcept;
 
+    /// An accepted event whose thread has no record, for want of memory.
+    void CountLostWithoutRecord() noexcept {
+        m_lostWithoutRecord.fetch_add(1, std::memory_order_relaxed);
+    }
+    std::uint64_t LostWithoutRecord() const noexcept {
+        return m_lostWithoutRecord.load(std::memory_order_relaxed);
+    }
+
     /// How many threads have a record.
     std::size_t Size() const noexcept { return m_size.load(std::memory_order_relaxed); }
 
@@ -133,6 +188,7 @@ private:
     std::atomic<std::size_t> m_registered{0};    // threads that came, ever
     std::atomic<std::size_t> m_swept{0};         // m_registered at the last sweep
     std::atomic<bool> m_sweptByDelivery{false};
+    std::atomic<std::uint64_t> m_lostWithoutRecord{0};
 
     korsys::Mutex m_freeLock;
     ThreadRecord* m_free KORSYS_GUARDED_BY(m_freeLock) = nullptr;

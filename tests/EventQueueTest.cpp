@@ -191,7 +191,7 @@ private:
         emitter.stamped.pop_back();
         emitter.isStopped = true;
         if (event.shared != nullptr) {
-            emitter.queue.Append(event.stamp, std::shared_ptr<MetricsEvent>(event.shared));
+            emitter.queue.Append(event.stamp, std::shared_ptr<MetricsEvent>(event.shared), {});
         } else {
             const bool hadPage = m_isPageTaken;
             std::array<MetricsValue, 2> objects{event.values[0].object, event.values[1].object};
@@ -293,26 +293,28 @@ private:
     void DeliverMerged(const std::vector<std::size_t>& plan) {
         std::size_t delivered = 0;
         bool isComplete = true;
+        m_merge.Order();
         try {
-            m_merge.Run([&](Record& record, pid_t emitter) {
+            while (Record* const record = m_merge.Front()) {
                 isComplete = false;
                 if (!m_isEnding && OneIn(60))
                     throw std::bad_alloc();
                 if (!m_isEnding && OneIn(60))
-                    return false;
+                    break;
                 EXPECT_LT(delivered, plan.size()) << "what is behind the cut";
                 if (testing::Test::HasFailure())
-                    return false;
-                EXPECT_EQ(static_cast<std::size_t>(emitter), plan[delivered] + 1);
+                    break;
+                EXPECT_EQ(static_cast<std::size_t>(m_merge.Emitter()), plan[delivered] + 1);
                 std::deque<Event>& appended = m_emitters[plan[delivered]].appended;
-                Expect(appended.front(), m_event.Make(record));
+                const MetricsEvent& made = m_event.Make(*record, m_merge.Queue());
+                m_merge.Pop();
+                Expect(appended.front(), made);
                 GoOn();
                 m_event.Clear();
                 appended.pop_front();
                 ++delivered;
                 isComplete = true;
-                return true;
-            });
+            }
         } catch (const std::bad_alloc&) {}
         if (isComplete) {
             EXPECT_EQ(delivered, plan.size());

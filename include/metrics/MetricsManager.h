@@ -1,9 +1,12 @@
 #ifndef METRICS_MANAGER_H
 #define METRICS_MANAGER_H
 
+#include <metrics/MetricsError.h>
 #include <metrics/MetricsEvent.h>
 #include <metrics/MetricsExport.h>
 #include <metrics/MetricsFilter.h>
+#include <metrics/MetricsOptions.h>
+#include <metrics/MetricsStatistics.h>
 #include <metrics/MetricsThreadContext.h>
 
 #include <cstdint>
@@ -69,6 +72,16 @@ public:
     /// Cost: blocks for at most 1000 ms; calls consumers.
     bool Disable() noexcept;
 
+    /// The same with a deadline of its own, and a report on what became of everything. When another
+    /// thread is ending the library, waits for that one until the deadline; when it is off already,
+    /// reports at once. An empty report in a forked child.
+    ///
+    /// Thread-safety: safe from any thread at any time.
+    /// Cost: blocks for at most the given number of milliseconds of the steady clock, and what the
+    /// synchronous consumers take for the Shutdown event; calls consumers; allocates. Without
+    /// memory for them, the names in the report are left out.
+    MetricsShutdownReport Shutdown(unsigned int milliseconds) noexcept;
+
     /// Has `function` called once on the delivery thread, first thing when it starts; it is
     /// released right after. Takes effect only before Enable. What it throws is dropped.
     ///
@@ -110,6 +123,15 @@ public:
     /// @throws std::bad_alloc
     bool AddConsumer(MetricsListenerPtr listener, std::uint64_t bits, bool synchronous);
 
+    /// The same, with a name for the statistics, and with limits past which the consumer is set
+    /// aside, so that it no longer harms the others.
+    ///
+    /// Thread-safety: safe from any thread at any time.
+    /// Cost: that of the other AddConsumer.
+    /// @throws std::bad_alloc
+    bool AddConsumer(MetricsListenerPtr listener, std::uint64_t bits, bool synchronous,
+                     const MetricsConsumerOptions& options);
+
     /// Ends one registration of the listener, a synchronous one first. Once it has returned, that
     /// registration is not called again and no call of it is in progress.
     /// @return false when there is none, and under the conditions of AddConsumer.
@@ -138,6 +160,46 @@ public:
     /// Thread-safety: safe from any thread at any time.
     /// Cost: wakes the delivery thread and blocks; takes a lock; allocates nothing.
     void WaitUntilWritesFlushed(unsigned int milliseconds);
+
+    /// What became of all events so far, and what the consumers were called for. Also when the
+    /// library is off; all zero in a forked child.
+    ///
+    /// Thread-safety: safe from any thread at any time.
+    /// Cost: reads a few cache lines for each thread, and takes locks for the names of the
+    /// consumers, under which it allocates; no emitter waits for them.
+    /// @throws std::bad_alloc
+    MetricsStatistics GetStatistics();
+
+    /// Bounds the memory that queued events take, in all queues together: records, and texts that
+    /// are handed over uncopied. What the `extra` of a value holds is not known, and not counted;
+    /// nor is what waits at the call. 0 bytes, as at first: no bound.
+    ///
+    /// What is dropped is counted, and told to the asynchronous consumers: as soon as there is
+    /// room, by one Custom event without context, source or category, whose values are "lost" and
+    /// the number, in the place of the first event that was lost.
+    ///
+    /// `milliseconds`, of the steady clock, is how long MetricsQueuePolicy::Wait waits.
+    ///
+    /// Thread-safety: safe from any thread at any time.
+    /// Cost: a few stores. With DropOldest it waits, for at most 100 ms, until the delivery thread
+    /// has taken note; while that one is inside a consumer call the newest events are dropped.
+    void SetQueueLimit(std::uint64_t bytes, MetricsQueuePolicy policy,
+                       unsigned int milliseconds = 0) noexcept;
+
+    /// Has `handler` told of faults that nobody else is told of: a consumer that threw or was set
+    /// aside, the first failed write of a file, events that were lost, and, unless
+    /// `lagMilliseconds` is 0, a delivery that lags by more than that. It is called on the delivery
+    /// thread, between two batches, at most once a second for each reason, and a last time at the
+    /// end, after which it is released. What it throws is dropped. An empty function: none, as at
+    /// first. Once it has returned, the former handler is not called any more; inside of the
+    /// handler, once that call has ended.
+    ///
+    /// Thread-safety: safe from any thread at any time.
+    /// Cost: takes a lock for a few instructions; waits for a call of the former handler;
+    /// allocates.
+    /// @throws std::bad_alloc
+    void SetErrorHandler(std::function<void(const MetricsError&)> handler,
+                         unsigned int lagMilliseconds = 0);
 
     /// The calling thread's stack of contexts, shared with the caller; an empty one stored nowhere
     /// when the library is off.
