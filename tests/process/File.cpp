@@ -303,21 +303,56 @@ void IsCancelledInClose() {
     VERIFY(hasClosed && Count(ReadFile(s_file.path), ",7,waits,") == 1);
 }
 
-/// Programs that the host starts do not get the file.
+/// Programs that the host starts do not get the file, also when it is the one that the host's own
+/// output goes to: they get that alone.
 void IsNotInherited() {
     const Session session;
     MetricsRawClient client;
     VERIFY(Open(client, s_file.path));
     const std::string path = std::filesystem::canonical(s_file.path);
-    int found = 0;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-        std::error_code gone; // the iterator's own
-        if (std::filesystem::read_symlink(entry.path(), gone) != path)
-            continue;
-        ++found;
-        VERIFY(fcntl(std::stoi(entry.path().filename()), F_GETFD) == FD_CLOEXEC);
-    }
+    const auto inherited = [&path] {
+        const std::string command =
+            "ls -l /proc/self/fd | grep -c '" + path + "' >" + path + ".found";
+        VERIFY(std::system(command.c_str()) >= 0);
+        const int found = std::stoi(ReadFile(path + ".found"));
+        unlink((path + ".found").c_str());
+        return found;
+    };
+    VERIFY(inherited() == 0);
+    VERIFY(client.Close(forever));
+
+    const int output = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+    const int before = fcntl(2, F_DUPFD_CLOEXEC, 0);
+    VERIFY(output >= 0 && before >= 0 && dup2(output, 2) == 2);
+    VERIFY(client.Open());
+    const int found = inherited();
+    VERIFY(dup2(before, 2) == 2);
     VERIFY(found == 1);
+}
+
+/// Close says that not all is in the file: the delivery has not got there in time, or it ended
+/// before.
+void ClosesWithoutAllThatWasEmitted() {
+    std::atomic<bool> goesOn{false}, isComplete{true};
+    std::atomic<pid_t> closing{0};
+    Manager().SetThreadInitFunction([&] { VERIFY(Poll([&] { return goesOn.load(); })); });
+    const Session session;
+    MetricsRawClient early, late;
+    VERIFY(Open(early, "/dev/null") && Open(late, s_file.path));
+    Send("waits");
+    VERIFY(!early.Close(50));
+    Send("end", 0, 0, MetricsEventType::Shutdown);
+    Send("behind");
+    std::thread thread([&] {
+        closing = gettid();
+        isComplete = late.Close(forever);
+    });
+    VERIFY(Poll([&] { return closing != 0 && IsAsleep(closing); }));
+    goesOn = true;
+    thread.join();
+    VERIFY(!isComplete);
+    const std::string text = ReadFile(s_file.path);
+    VERIFY(Count(text, ",7,waits,") == 1 && Count(text, "behind") == 0);
 }
 
 } // namespace
@@ -336,5 +371,6 @@ int main(int argc, char** argv) {
                      {"WritesNothingBehindAFailure", WritesNothingBehindAFailure, 20},
                      {"TellsTheFirstError", TellsTheFirstError, 20},
                      {"IsCancelledInClose", IsCancelledInClose, 20},
+                     {"ClosesWithoutAllThatWasEmitted", ClosesWithoutAllThatWasEmitted, 20},
                      {"IsNotInherited", IsNotInherited, 20}});
 }

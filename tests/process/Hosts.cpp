@@ -137,19 +137,24 @@ void ClosesAPipeThatIsNotRead() {
     close(reader);
 }
 
-/// exit while another thread is inside of ShutdownAndFreeInstance: it waits for that one.
+/// exit while another thread is inside of ShutdownAndFreeInstance: it waits for that one, also
+/// when the consumers of the Shutdown make that take longer than the exit alone may.
 void ExitDuringAShutdown() {
     static std::atomic<int>& delivered = MakeShared<std::atomic<int>>();
     const Ended ended = RunChild([] {
         Start();
         static std::atomic<bool> isEnding{false};
         Consume(true, [](const MetricsEvent& event) {
-            if (event.eventType == MetricsEventType::Shutdown)
-                isEnding = true;
+            if (event.eventType != MetricsEventType::Shutdown)
+                return;
+            isEnding = true;
+            usleep(600000);
         });
         Consume(false, [](const MetricsEvent&) {
-            if (delivered == 0)
-                usleep(300000);
+            if (delivered == 0) {
+                VERIFY(Poll([] { return isEnding.load(); }));
+                usleep(1200000); // from the beginning
+            }
             ++delivered;
         });
         for (int i = 0; i < 1000; ++i)

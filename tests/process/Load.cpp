@@ -49,6 +49,27 @@ void ShortThreads() {
     VERIFY(delivered == 1000 + threads && (!sanitizer.empty() || grown < 3072));
 }
 
+/// The same once the application has ended the delivery: threads open contexts still.
+void ShortThreadsBehindTheShutdown() {
+    const Session session;
+    Send(0, 0, 0, MetricsEventType::Shutdown);
+    VERIFY(Poll([] { return !TestBits(0); }));
+    const auto run = [](int threads) {
+        for (int i = 0; i < threads; ++i)
+            std::thread([] {
+                VERIFY(Manager().GetCurrentThreadContext() == nullptr);
+                const Context context(0, Context::Create(true));
+                VERIFY(Manager().GetCurrentThreadContext() == &context);
+            }).join();
+        return ResidentKiB();
+    };
+    const long before = run(1000);
+    const int threads = Repetitions(10000);
+    const long grown = run(threads) - before;
+    std::printf("%d threads left %ld KiB\n", threads, grown);
+    VERIFY(grown < threads / 10); // a third of what they would keep
+}
+
 /// Bursts of any size, held back until they are over: what they took goes back to the system.
 void MemoryGoesBack() {
     std::atomic<bool> isHeld{false};
@@ -223,6 +244,8 @@ int main(int argc, char** argv) {
                             {"Killed", IsKilled, 600},
                             {"ShowsNothing", ShowsNothing}};
     if (sanitizer.empty()) // whose allocators keep what is freed
-        cases.push_back({"MemoryGoesBack", MemoryGoesBack});
+        cases.insert(cases.end(),
+                     {{"MemoryGoesBack", MemoryGoesBack},
+                      {"ShortThreadsBehindTheShutdown", ShortThreadsBehindTheShutdown}});
     return RunCases(argc, argv, cases);
 }
