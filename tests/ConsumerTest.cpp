@@ -225,11 +225,11 @@ TEST(Consumer, MayCallTheManagerFromItsDestructor) {
     EXPECT_EQ(destroyed, 1);
     EXPECT_TRUE(Manager().RemoveConsumer(ConsumeUntilDestroyed(false, destroyed)));
     EXPECT_EQ(destroyed, 2);
-    ConsumeUntilDestroyed(true, destroyed);
-    ConsumeUntilDestroyed(false, destroyed);
+    for (const bool synchronous : {true, false, true, false, true, false})
+        ConsumeUntilDestroyed(synchronous, destroyed);
     EXPECT_EQ(destroyed, 2);
     EXPECT_TRUE(Manager().Disable());
-    EXPECT_EQ(destroyed, 4) << "consumers go when the delivery ends";
+    EXPECT_EQ(destroyed, 8) << "consumers go when the delivery ends";
 }
 
 TEST(Consumer, MayCallTheManagerFromItsDestructorWhenTheApplicationEndsTheDelivery) {

@@ -127,14 +127,17 @@ TEST(Delivery, FlushWaitsForWhatWasQueuedBeforeIt) {
     std::optional<HeldDelivery> held;
     const Session session;
     Consume(false, [&last](const MetricsEvent& event) { last = event.param1.integer; });
-    for (int i = 1; i <= 5; ++i) {
+    for (int i = 1; i <= 5 && !HasFailure(); ++i) {
         held.emplace();
         Send(i); // behind the batch that is being delivered
         {
-            const SleepingThread flush([&last, i] {
+            const auto flush = [&last, i] {
+                const auto start = Clock::now();
                 Flush();
                 EXPECT_EQ(last, i);
-            });
+                EXPECT_LT(SecondsSince(start), forever / 2000.0) << "was not told";
+            };
+            const SleepingThread first(flush), second(flush), third(flush);
             held->Release();
         }
         EXPECT_TRUE(held->Remove());

@@ -10,8 +10,13 @@
 #include <pthread.h>
 #include <sys/syscall.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdarg>
+#include <cstdlib>
+#include <set>
+#include <system_error>
+#include <vector>
 
 using namespace Metrics;
 using namespace Metrics::test;
@@ -21,8 +26,11 @@ namespace {
 // What this thread does inside of these calls; null for nothing, which it also is in there.
 thread_local void (*t_behindClock)() = nullptr;
 thread_local void (*t_beforeWait)() = nullptr;
+thread_local void (*t_beforeLock)() = nullptr;
+thread_local void (*t_beforeMalloc)() = nullptr;
 thread_local void (*t_beforeTgkill)(pid_t asked) = nullptr;
 thread_local int t_falseAlarms = 0; // waits that end without a reason
+thread_local bool t_canStartThreads = true;
 
 template <class Function, class... Arguments>
 void Call(Function& function, Arguments... arguments) {
@@ -42,6 +50,11 @@ Function* Libcs(const char* name) {
 } // namespace
 
 extern "C" {
+void* __libc_malloc(std::size_t size);
+void* malloc(std::size_t size) noexcept {
+    Call(t_beforeMalloc);
+    return __libc_malloc(size);
+}
 long syscall(long number, ...) noexcept {
     static const auto real = Libcs<long(long, ...)>("syscall");
     va_list list;
@@ -58,6 +71,17 @@ int clock_gettime(clockid_t clock, timespec* time) noexcept {
     const auto result = static_cast<int>(syscall(SYS_clock_gettime, clock, time));
     Call(t_behindClock);
     return result;
+}
+int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*),
+                   void* argument) noexcept {
+    static const auto real =
+        Libcs<int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)>("pthread_create");
+    return t_canStartThreads ? real(thread, attributes, run, argument) : EAGAIN;
+}
+int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
+    static const auto real = Libcs<int(pthread_mutex_t*)>("pthread_mutex_lock");
+    Call(t_beforeLock);
+    return real(mutex);
 }
 int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
                            const timespec* until) {
@@ -145,6 +169,86 @@ void DeliversTheLastEventOfAThreadThatEnds() {
     VERIFY(delivered == 2);
 }
 
+/// The system has no further thread for the delivery, and later it has one. What was emitted in
+/// between is delivered, and threads that ended leave their place to new ones meanwhile.
+void StartsAtTheSecondTry() {
+    std::vector<std::int64_t> delivered;
+    std::set<const void*> stacks;
+    const auto consumer =
+        MakeListener([&](const MetricsEvent& event) { delivered.push_back(event.param1.integer); });
+    t_canStartThreads = false;
+    int error = 0;
+    try {
+        Start();
+    } catch (const std::system_error& failure) {
+        error = failure.code().value();
+    }
+    t_canStartThreads = true;
+    VERIFY(error == EAGAIN);
+    VERIFY(ThreadsNamed("metrics") == 0);
+    Manager().SetBits(everyBit);
+    VERIFY(Manager().AddConsumer(consumer, everyBit, false));
+    Send(1);
+    for (int i = 0; i < 200; ++i)
+        std::thread([&] { stacks.insert(Manager().GetThreadContext().get()); }).join();
+    VERIFY(stacks.size() < 100);
+    Manager().Enable();
+    Send(2);
+    VERIFY(Manager().Disable());
+    VERIFY(delivered == std::vector<std::int64_t>({1, 2}));
+}
+
+/// The library is switched off while a registration is under way: it is refused, and the consumer
+/// is not kept.
+void RefusesWhoComesDuringTheEnd(bool synchronous) {
+    const auto token = std::make_shared<int>();
+    Start();
+    auto consumer = MakeListener([token](const MetricsEvent&) {});
+    t_beforeMalloc = [] {
+        t_beforeMalloc = DoNothing;
+        std::thread([] { VERIFY(Manager().Disable()); }).join();
+    };
+    VERIFY(!Manager().AddConsumer(std::move(consumer), everyBit, synchronous));
+    VERIFY(!TestBits(0));
+    VERIFY(token.use_count() == 1);
+}
+
+/// While the end of one registration frees what is not called any more, another one is being ended
+/// whose consumer is: that one stays, for the delivery thread stands on it.
+void KeepsWhoIsBeingCalled() {
+    static MetricsListenerPtr called;
+    static std::atomic<bool> isCalled{false}, goesOn{false};
+    static std::atomic<pid_t> removing{0};
+    static std::jthread thread;
+    static int locks = 0;
+    std::atomic<int> delivered{0};
+    const Session session;
+    const auto removed = Consume(false, [](const MetricsEvent&) {});
+    called = Consume(false, [](const MetricsEvent&) {
+        isCalled = true;
+        VERIFY(Poll([] { return goesOn.load(); }));
+    });
+    Consume(false, [&delivered](const MetricsEvent&) { ++delivered; });
+    t_beforeLock = [] {
+        if (++locks < 4) // it was taken out and waited for, and is to be freed
+            return;
+        t_beforeLock = DoNothing;
+        Send(1);
+        VERIFY(Poll([] { return isCalled.load(); }));
+        thread = std::jthread([] {
+            removing = gettid();
+            VERIFY(Manager().RemoveConsumer(std::move(called)));
+        });
+        VERIFY(Poll([] { return removing != 0 && IsAsleep(removing); }));
+    };
+    VERIFY(Manager().RemoveConsumer(removed));
+    VERIFY(isCalled);
+    goesOn = true;
+    thread.join();
+    Flush();
+    VERIFY(delivered == 1);
+}
+
 /// A signal that comes when the waiter has looked and does not sleep yet wakes it all the same; a
 /// wait that ends without a reason goes on.
 void WaitsForTheSignalAndNothingElse() {
@@ -204,6 +308,10 @@ int main(int argc, char** argv) {
         argc, argv,
         {{"FlushesBehindAnyLookAtTheClock", FlushesBehindAnyLookAtTheClock, 60},
          {"DeliversTheLastEventOfAThreadThatEnds", DeliversTheLastEventOfAThreadThatEnds, 60},
+         {"RefusesARegistrationDuringTheEnd", [] { RefusesWhoComesDuringTheEnd(false); }, 60},
+         {"RefusesASynchronousOneDuringTheEnd", [] { RefusesWhoComesDuringTheEnd(true); }, 60},
+         {"KeepsWhoIsBeingCalled", KeepsWhoIsBeingCalled, 60},
+         {"StartsAtTheSecondTry", StartsAtTheSecondTry, 60},
          {"WaitsForTheSignalAndNothingElse", WaitsForTheSignalAndNothingElse, 60},
          {"LeavesTheMaskEmptyBehindTheEnd", LeavesTheMaskEmptyBehindTheEnd, 30, 50}});
 }
