@@ -49,6 +49,27 @@ void ShortThreads() {
     VERIFY(delivered == 1000 + threads && (!sanitizer.empty() || grown < 3072));
 }
 
+/// A thread that lives for long uses guard after guard, and attaches and detaches.
+void GuardsLeaveNothing() {
+    const Session session;
+    Context context(0, Context::Create(true));
+    context.DetachFromThread();
+    const auto use = [&context](int times) {
+        for (int i = 0; i < times; ++i) {
+            const ContextGuard guard(context), none(nullptr);
+            context.AttachToThread();
+            context.DetachFromThread();
+        }
+        return ResidentKiB();
+    };
+    const long before = use(1000);
+    const int times = Repetitions(1000000);
+    const long grown = use(times) - before;
+    VERIFY(Manager().GetCurrentThreadContext() == nullptr);
+    std::printf("%d guards left %ld KiB\n", times, grown);
+    VERIFY(grown < 1024 + times / 1000); // an entry of each would take 8 bytes
+}
+
 /// The same once the application has ended the delivery: threads open contexts still.
 void ShortThreadsBehindTheShutdown() {
     const Session session;
@@ -246,6 +267,7 @@ int main(int argc, char** argv) {
     if (sanitizer.empty()) // whose allocators keep what is freed
         cases.insert(cases.end(),
                      {{"MemoryGoesBack", MemoryGoesBack},
+                      {"GuardsLeaveNothing", GuardsLeaveNothing},
                       {"ShortThreadsBehindTheShutdown", ShortThreadsBehindTheShutdown}});
     return RunCases(argc, argv, cases);
 }
