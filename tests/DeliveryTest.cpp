@@ -173,6 +173,37 @@ TEST(Delivery, RemovalWaitsForTheCallInProgress) {
     EXPECT_TRUE(Manager().Disable());
 }
 
+/// But for no more than that: not for the rest of the batch.
+TEST(Delivery, RemovalReturnsBetweenTwoCalls) {
+    korsys::TEvent begins(false), entered(false), goesOn(false);
+    std::atomic<bool> isRemoved{false};
+    int calls = 0;
+    Manager().SetThreadInitFunction([&begins] { begins.Wait(forever); });
+    const auto removed = Consume(false, [](const MetricsEvent&) {});
+    Consume(false, [&](const MetricsEvent&) {
+        if (++calls == 1) {
+            entered.Signal();
+            goesOn.Wait(forever);
+        } else {
+            EXPECT_TRUE(Poll([&isRemoved] { return isRemoved.load(); }));
+        }
+    });
+    Send(1);
+    Send(2);
+    begins.Signal();
+    EXPECT_TRUE(entered.Wait(forever));
+    {
+        const SleepingThread remover([&] {
+            EXPECT_TRUE(Manager().RemoveConsumer(removed));
+            isRemoved = true;
+        });
+        goesOn.Signal();
+    }
+    Flush();
+    EXPECT_TRUE(Manager().Disable());
+    EXPECT_EQ(calls, 2);
+}
+
 TEST(Delivery, EndsAtTheApplicationsOwnShutdown) {
     korsys::TEvent release(false);
     std::vector<std::int64_t> delivered;
