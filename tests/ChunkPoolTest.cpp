@@ -17,11 +17,13 @@
 #include <functional>
 #include <random>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
 
 std::function<void(std::uintptr_t begin, std::size_t size)> s_beforePagesGo;
+std::function<void(void* begin)> s_beforeSlabIsUsed; // once
 
 } // namespace
 
@@ -29,6 +31,9 @@ std::function<void(std::uintptr_t begin, std::size_t size)> s_beforePagesGo;
 extern "C" int madvise(void* begin, std::size_t size, int advice) noexcept {
     if (advice == MADV_DONTNEED && s_beforePagesGo != nullptr)
         s_beforePagesGo(reinterpret_cast<std::uintptr_t>(begin), size);
+    if (advice == MADV_NOHUGEPAGE)
+        if (const auto before = std::exchange(s_beforeSlabIsUsed, nullptr))
+            before(begin);
     return static_cast<int>(syscall(SYS_madvise, begin, size, advice));
 }
 
@@ -130,6 +135,22 @@ TEST_F(ChunkPoolTest, HasOneOwnerForEachChunk) {
     EXPECT_EQ(s_pool.InUse(), 0u) << "chunks were lost";
 }
 
+/// Two threads find no chunk, and both map new ones: one of the mappings goes again.
+TEST_F(ChunkPoolTest, KeepsOneOfTwoSlabsThatAreMappedAtOnce) {
+    void* first = nullptr;
+    const Chunk* others = nullptr;
+    s_beforeSlabIsUsed = [&](void* begin) {
+        first = begin;
+        others = &s_pool.Take();
+    };
+    const Chunk* const own = &s_pool.Take();
+    ASSERT_NE(others, nullptr);
+    EXPECT_NE(own, others);
+    unsigned char pages[1];
+    EXPECT_EQ(mincore(first, 1, pages), -1) << "it is mapped still";
+    EXPECT_EQ(s_pool.InUse(), 2u);
+}
+
 /// Whoever takes chunks while pages are on their way back gets none of these.
 TEST_F(ChunkPoolTest, GivesPagesBackBeforeTheirChunksCanBeTakenAgain) {
     constexpr std::size_t chunks = 1000;
@@ -169,6 +190,13 @@ TEST_F(ChunkPoolTest, GivesPagesBackBeforeTheirChunksCanBeTakenAgain) {
     std::sort(taken.begin(), taken.end());
     EXPECT_EQ(std::adjacent_find(taken.begin(), taken.end()), taken.end()) << "taken twice";
     EXPECT_EQ(s_pool.InUse(), chunks);
+
+    // All of them, a slab's middle in one piece.
+    for (Chunk* const chunk : taken)
+        s_pool.Put(*chunk);
+    s_pool.Trim(0);
+    EXPECT_LE(s_pool.Free(), 4u) << "but what shares a page with a slab's own";
+    EXPECT_EQ(s_pool.InUse(), 0u);
 }
 
 } // namespace Metrics::detail

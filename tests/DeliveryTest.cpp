@@ -218,13 +218,14 @@ TEST(Delivery, EndsAtTheApplicationsOwnShutdown) {
         EXPECT_LT(SecondsSince(start), forever / 2000.0) << "never signalled";
     };
     Context context(0, 1);
+    std::weak_ptr<MetricsEvent> behind;
     {
         Send(1);
         Send(2);
         const SleepingThread before(flush);
         Send(3, 0, MetricsBits::act, MetricsEventType::Shutdown);
-        const SleepingThread behind(flush), another(flush); // in the Shutdown's own batch
-        Send(4);
+        const SleepingThread late(flush), another(flush); // in the Shutdown's own batch
+        behind = Send(4);
         release.Signal();
     }
     flush();
@@ -239,6 +240,7 @@ TEST(Delivery, EndsAtTheApplicationsOwnShutdown) {
     Manager().Enable();
     EXPECT_FALSE(Manager().AddConsumer(consumer, everyBit, false));
     Manager().Disable();
+    EXPECT_TRUE(behind.expired()) << "what is not delivered is let go of";
     EXPECT_EQ(delivered, (std::vector<std::int64_t>{0, 1, 2})) << "0: the opened context";
 }
 

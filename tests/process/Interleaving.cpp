@@ -243,6 +243,9 @@ void KeepsWhoIsBeingCalled() {
     };
     VERIFY(Manager().RemoveConsumer(removed));
     VERIFY(isCalled);
+    std::vector<std::string> blocks; // what was freed is in other hands
+    for (std::size_t size = 24; size <= 520; size += 16)
+        blocks.resize(blocks.size() + 10, std::string(size - 1, '\x5A'));
     goesOn = true;
     thread.join();
     Flush();
