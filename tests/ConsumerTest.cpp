@@ -279,6 +279,25 @@ TEST(Consumer, MayBeRegisteredByWhatAnEventCarries) {
     EXPECT_EQ(delivered, 200);
 }
 
+/// Nor does a removal wait for the code that runs then, which may wait for the removal.
+TEST(Consumer, IsRemovedWhileAnEventIsLetGoOf) {
+    std::atomic<bool> isRemoved{false};
+    std::jthread remover;
+    const Session session;
+    const auto consumer = Consume(false, [](const MetricsEvent&) {});
+    MetricsValue value(1);
+    value.extra = std::shared_ptr<const void>(&value, [&](const void*) {
+        remover = std::jthread([&] {
+            EXPECT_TRUE(Manager().RemoveConsumer(consumer));
+            isRemoved = true;
+        });
+        EXPECT_TRUE(Poll([&isRemoved] { return isRemoved.load(); }));
+    });
+    AttributeImpl(std::move(value), 0, 0);
+    Flush();
+    EXPECT_TRUE(isRemoved);
+}
+
 TEST(Consumer, LearnsWhichThreadHasEmitted) {
     std::vector<pid_t> synchronous, asynchronous;
     Consume(true, [&](const MetricsEvent& event) {

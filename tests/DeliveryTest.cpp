@@ -188,8 +188,8 @@ TEST(Delivery, RemovalReturnsBetweenTwoCalls) {
             EXPECT_TRUE(Poll([&isRemoved] { return isRemoved.load(); }));
         }
     });
-    Send(1);
-    Send(2);
+    AttributeImpl(1, 2, 0); // nothing of the application's is let go of in between
+    AttributeImpl(3, 4, 0);
     begins.Signal();
     EXPECT_TRUE(entered.Wait(forever));
     {
