@@ -406,6 +406,28 @@ void IsWrittenInSmallStepsAndFiles() {
     VERIFY(!client.GetFirstError());
 }
 
+/// Files must be smaller than the trace is by the time that it is closed: the host's thread, which
+/// does that, is not sent the signal of it.
+void ClosesBeyondALimit() {
+    const Session session;
+    MetricsTraceClient client;
+    VERIFY(OpenTrace(client));
+    for (int i = 1; i <= 10'000; ++i)
+        Send("event", i);
+    Flush();
+    rlimit limit{};
+    VERIFY(getrlimit(RLIMIT_FSIZE, &limit) == 0);
+    limit.rlim_cur = 100'000;
+    VERIFY(setrlimit(RLIMIT_FSIZE, &limit) == 0);
+    Manager().SetBitsAbsolute(0); // there is nothing to write but the file without its padding
+    VERIFY(client.Close(forever));
+    limit.rlim_cur = limit.rlim_max;
+    VERIFY(setrlimit(RLIMIT_FSIZE, &limit) == 0);
+    sigset_t pending;
+    VERIFY(sigpending(&pending) == 0 && sigismember(&pending, SIGXFSZ) == 0);
+    IsWhole(10'000 - 1);
+}
+
 /// The memory of a huge event is kept no longer than it takes.
 void GivesTheMemoryOfAHugeEventBack() {
     const auto residentKiB = [] {
@@ -533,6 +555,7 @@ int main(int argc, char** argv) {
         {"IsWrittenInSmallStepsAndFiles", IsWrittenInSmallStepsAndFiles, 60},
         {"IsOnTheDiskBehindASlowConsumer", IsOnTheDiskBehindASlowConsumer, 60},
         {"ForksWhileItIsOpen", ForksWhileItIsOpen, 60},
+        {"ClosesBeyondALimit", ClosesBeyondALimit, 60},
         {"OpensFolders", OpensFolders, 60}};
     if (sanitizer.empty()) // whose allocators keep what is freed
         cases.push_back({"GivesTheMemoryOfAHugeEventBack", GivesTheMemoryOfAHugeEventBack, 60});
