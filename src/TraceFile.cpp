@@ -415,7 +415,7 @@ void TraceFile::Finish() noexcept {
         if (discarded != 0) // in place, which takes no room on a disk that is full
             WriteAt(m_file, m_lastPacket + offsetof(TracePacketHeader, discarded), &discarded,
                     sizeof discarded);
-        Trim();
+        signals.TakeAway(Trim());
         if (close(std::exchange(m_file, -1)) != 0 && errno != EINTR)
             Fail(errno);
     }
@@ -426,28 +426,38 @@ void TraceFile::Finish() noexcept {
 }
 
 /// Puts a copy without the padding in the place of the newest file. Where that does not succeed,
-/// the file is as good as it was.
-void TraceFile::Trim() noexcept {
+/// the file is as good as it was. @return the reason, or 0.
+int TraceFile::Trim() noexcept {
     const std::uint64_t bits = (m_end - m_lastPacket) * 8;
     const int copy =
         openat(m_directory, unfinished, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     if (copy < 0)
-        return;
+        return errno;
+    const auto reason = [](ssize_t written) { return written < 0 ? errno : EIO; };
+    int error = 0;
     std::uint64_t rest = m_end;
-    for (off_t offset = 0; rest > 0;) {
+    for (off_t offset = 0; rest > 0 && error == 0;) {
         const ssize_t sent = sendfile(copy, m_file, &offset, rest);
-        if (sent <= 0)
-            break;
-        rest -= static_cast<std::uint64_t>(sent);
+        if (sent > 0)
+            rest -= static_cast<std::uint64_t>(sent);
+        else
+            error = reason(sent);
     }
-    const bool isWhole =
-        rest == 0 &&
-        pwrite(copy, &bits, sizeof bits,
-               static_cast<off_t>(m_lastPacket + offsetof(TracePacketHeader, packetBits))) ==
-            static_cast<ssize_t>(sizeof bits);
-    if (close(copy) != 0 || !isWhole ||
+    if (error == 0) {
+        const ssize_t written =
+            pwrite(copy, &bits, sizeof bits,
+                   static_cast<off_t>(m_lastPacket + offsetof(TracePacketHeader, packetBits)));
+        if (written != static_cast<ssize_t>(sizeof bits))
+            error = reason(written);
+    }
+    if (close(copy) != 0 && error == 0)
+        error = errno;
+    if (error == 0 &&
         renameat(m_directory, unfinished, m_directory, m_parts.back().name.c_str()) != 0)
+        error = errno;
+    if (error != 0)
         unlinkat(m_directory, unfinished, 0);
+    return error;
 }
 
 } // namespace Metrics::detail

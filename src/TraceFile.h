@@ -64,7 +64,7 @@ private:
     bool BeginPart(std::size_t size);
     bool MakeRoom(std::uint64_t size);
     bool WriteAt(int file, std::uint64_t offset, const void* bytes, std::size_t size) noexcept;
-    void Trim() noexcept;
+    int Trim() noexcept;
     bool Fail(int error) noexcept;
 
     const std::string m_folder;

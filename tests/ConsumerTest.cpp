@@ -225,11 +225,11 @@ TEST(Consumer, MayCallTheManagerFromItsDestructor) {
     EXPECT_EQ(destroyed, 1);
     EXPECT_TRUE(Manager().RemoveConsumer(ConsumeUntilDestroyed(false, destroyed)));
     EXPECT_EQ(destroyed, 2);
-    ConsumeUntilDestroyed(true, destroyed);
-    ConsumeUntilDestroyed(false, destroyed);
+    for (const bool synchronous : {true, false, true, false, true, false})
+        ConsumeUntilDestroyed(synchronous, destroyed);
     EXPECT_EQ(destroyed, 2);
     EXPECT_TRUE(Manager().Disable());
-    EXPECT_EQ(destroyed, 4) << "consumers go when the delivery ends";
+    EXPECT_EQ(destroyed, 8) << "consumers go when the delivery ends";
 }
 
 TEST(Consumer, MayCallTheManagerFromItsDestructorWhenTheApplicationEndsTheDelivery) {
@@ -261,9 +261,12 @@ TEST(Consumer, MayBeRegisteredByWhatAnEventCarries) {
         MetricsValue value(1);
         value.extra = std::shared_ptr<const void>(&value, [&registered](const void*) {
             const auto other = MakeListener([](const MetricsEvent&) {});
+            const auto start = Clock::now();
+            Flush(); // by the delivery thread: does not wait for itself
             registered += Manager().AddConsumer(other, everyBit, true) &&
                           Manager().AddConsumer(other, everyBit, false) &&
-                          Manager().RemoveConsumer(other) && Manager().RemoveConsumer(other);
+                          Manager().RemoveConsumer(other) && Manager().RemoveConsumer(other) &&
+                          SecondsSince(start) < forever / 2000.0;
         });
         return value;
     };
@@ -274,6 +277,25 @@ TEST(Consumer, MayBeRegisteredByWhatAnEventCarries) {
     }
     EXPECT_TRUE(Poll([&] { return registered == 200; }));
     EXPECT_EQ(delivered, 200);
+}
+
+/// Nor does a removal wait for the code that runs then, which may wait for the removal.
+TEST(Consumer, IsRemovedWhileAnEventIsLetGoOf) {
+    std::atomic<bool> isRemoved{false};
+    std::jthread remover;
+    const Session session;
+    const auto consumer = Consume(false, [](const MetricsEvent&) {});
+    MetricsValue value(1);
+    value.extra = std::shared_ptr<const void>(&value, [&](const void*) {
+        remover = std::jthread([&] {
+            EXPECT_TRUE(Manager().RemoveConsumer(consumer));
+            isRemoved = true;
+        });
+        EXPECT_TRUE(Poll([&isRemoved] { return isRemoved.load(); }));
+    });
+    AttributeImpl(std::move(value), 0, 0);
+    Flush();
+    EXPECT_TRUE(isRemoved);
 }
 
 TEST(Consumer, LearnsWhichThreadHasEmitted) {

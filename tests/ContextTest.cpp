@@ -238,6 +238,34 @@ TEST(Context, GoesOnWithItsFirstUseWhereItStopped) {
                                  "Custom s2 in 1: \"arrives\", 0\n");
 }
 
+/// A consumer closes the context when it is told of its first use: the scope that is being opened
+/// closes as well.
+TEST(Context, MayBeClosedWhileItsScopeOpens) {
+    const Transcript transcript;
+    Context* closing = nullptr;
+    const Session session;
+    Consume(true, [&closing](const MetricsEvent& event) {
+        if (event.eventType == MetricsEventType::Attribute)
+            if (Context* const context = std::exchange(closing, nullptr))
+                context->Close();
+    });
+    const Context outer(0, 1);
+    Context inner(1, 2);
+    transcript.Next();
+    closing = &inner;
+    inner.Emit("comes too late");
+    EXPECT_EQ(transcript.Next(), "Attribute 0 in 2: \"'pid'\", pid\n"
+                                 "Closed 2 in 1: 0, 2\n"
+                                 "Attribute 0 in 1: \"'tid'\", pid\n"
+                                 "Attribute 0 in 1: \"'cid'\", 2\n"
+                                 "Attribute 0 in 1: \"'pid'\", pid\n"
+                                 "Attribute 0 in 1: \"'tid'\", pid\n"
+                                 "Attribute 0 in 1: \"'cid'\", 1\n"
+                                 "ScopeOpened s1 in 1: \"cxt\", 0\n"
+                                 "ScopeOpened s2 in 1: \"cxt\", 0\n"
+                                 "ScopeClosed s2 in 1: \"cxt\", 0\n");
+}
+
 TEST(Context, ThrowsTheFirstFailureOfItsEndAndEndsAllTheSame) {
     const Transcript transcript;
     Consume(true, [](const MetricsEvent& event) {

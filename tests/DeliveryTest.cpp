@@ -127,14 +127,17 @@ TEST(Delivery, FlushWaitsForWhatWasQueuedBeforeIt) {
     std::optional<HeldDelivery> held;
     const Session session;
     Consume(false, [&last](const MetricsEvent& event) { last = event.param1.integer; });
-    for (int i = 1; i <= 5; ++i) {
+    for (int i = 1; i <= 5 && !HasFailure(); ++i) {
         held.emplace();
         Send(i); // behind the batch that is being delivered
         {
-            const SleepingThread flush([&last, i] {
+            const auto flush = [&last, i] {
+                const auto start = Clock::now();
                 Flush();
                 EXPECT_EQ(last, i);
-            });
+                EXPECT_LT(SecondsSince(start), forever / 2000.0) << "was not told";
+            };
+            const SleepingThread first(flush), second(flush), third(flush);
             held->Release();
         }
         EXPECT_TRUE(held->Remove());
@@ -170,6 +173,37 @@ TEST(Delivery, RemovalWaitsForTheCallInProgress) {
     EXPECT_TRUE(Manager().Disable());
 }
 
+/// But for no more than that: not for the rest of the batch.
+TEST(Delivery, RemovalReturnsBetweenTwoCalls) {
+    korsys::TEvent begins(false), entered(false), goesOn(false);
+    std::atomic<bool> isRemoved{false};
+    int calls = 0;
+    Manager().SetThreadInitFunction([&begins] { begins.Wait(forever); });
+    const auto removed = Consume(false, [](const MetricsEvent&) {});
+    Consume(false, [&](const MetricsEvent&) {
+        if (++calls == 1) {
+            entered.Signal();
+            goesOn.Wait(forever);
+        } else {
+            EXPECT_TRUE(Poll([&isRemoved] { return isRemoved.load(); }));
+        }
+    });
+    AttributeImpl(1, 2, 0); // nothing of the application's is let go of in between
+    AttributeImpl(3, 4, 0);
+    begins.Signal();
+    EXPECT_TRUE(entered.Wait(forever));
+    {
+        const SleepingThread remover([&] {
+            EXPECT_TRUE(Manager().RemoveConsumer(removed));
+            isRemoved = true;
+        });
+        goesOn.Signal();
+    }
+    Flush();
+    EXPECT_TRUE(Manager().Disable());
+    EXPECT_EQ(calls, 2);
+}
+
 TEST(Delivery, EndsAtTheApplicationsOwnShutdown) {
     korsys::TEvent release(false);
     std::vector<std::int64_t> delivered;
@@ -184,13 +218,14 @@ TEST(Delivery, EndsAtTheApplicationsOwnShutdown) {
         EXPECT_LT(SecondsSince(start), forever / 2000.0) << "never signalled";
     };
     Context context(0, 1);
+    std::weak_ptr<MetricsEvent> behind;
     {
         Send(1);
         Send(2);
         const SleepingThread before(flush);
         Send(3, 0, MetricsBits::act, MetricsEventType::Shutdown);
-        const SleepingThread behind(flush), another(flush); // in the Shutdown's own batch
-        Send(4);
+        const SleepingThread late(flush), another(flush); // in the Shutdown's own batch
+        behind = Send(4);
         release.Signal();
     }
     flush();
@@ -205,6 +240,7 @@ TEST(Delivery, EndsAtTheApplicationsOwnShutdown) {
     Manager().Enable();
     EXPECT_FALSE(Manager().AddConsumer(consumer, everyBit, false));
     Manager().Disable();
+    EXPECT_TRUE(behind.expired()) << "what is not delivered is let go of";
     EXPECT_EQ(delivered, (std::vector<std::int64_t>{0, 1, 2})) << "0: the opened context";
 }
 
@@ -363,6 +399,9 @@ TEST(Delivery, BeginsWithTheInitFunctionAndEndsWithWhatWasQueued) {
     Manager().Enable(); // off is for good
     EXPECT_EQ(Manager().SetBits(everyBit) + Send(3)->timestamp + Context::Create(true), 0u);
     EXPECT_FALSE(Manager().AddConsumer(consumer, everyBit, false));
+    const auto start = Clock::now();
+    MetricsManager::ShutdownAndFreeInstance();
+    EXPECT_LT(SecondsSince(start), 0.5) << "there is nothing to wait for";
 }
 
 TEST(Delivery, LeavesErrnoAloneInAThreadsFirstEmit) {

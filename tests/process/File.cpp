@@ -13,6 +13,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 
 using namespace Metrics;
 using namespace Metrics::test;
@@ -23,6 +24,9 @@ const std::string header = "timestamp,datetime,context_id,event_type,param1,para
 const TemporaryFile s_file;
 const TemporaryFile s_pipe{s_file.path + ".pipe"};
 std::function<void()> s_beforeWrite; // called once, by the next write(2) of this process
+std::atomic<std::size_t> s_mostAtOnce{SIZE_MAX}; // bytes that one takes
+std::atomic<int> s_interrupted{0};               // so many are, before they have written anything
+std::atomic<int> s_closeError{0};                // found by close(2)
 
 } // namespace
 
@@ -30,7 +34,19 @@ std::function<void()> s_beforeWrite; // called once, by the next write(2) of thi
 extern "C" ssize_t write(int file, const void* bytes, size_t size) {
     if (const auto before = std::exchange(s_beforeWrite, nullptr))
         before();
-    return syscall(SYS_write, file, bytes, size);
+    if (s_interrupted > 0) {
+        --s_interrupted;
+        errno = EINTR;
+        return -1;
+    }
+    return syscall(SYS_write, file, bytes, std::min(size, s_mostAtOnce.load()));
+}
+extern "C" int close(int file) {
+    const auto result = static_cast<int>(syscall(SYS_close, file));
+    if (s_closeError == 0)
+        return result;
+    errno = s_closeError;
+    return -1;
 }
 
 namespace {
@@ -233,6 +249,59 @@ void ClosesInTheMiddleOfAWrite() {
     Flush(); // the delivery goes on without the file
 }
 
+/// A line takes many writes. It is not finished once Close has given up: the write in progress is
+/// the last one.
+void ClosesInTheMiddleOfALine() {
+    std::atomic<bool> isComplete{true};
+    const Session session;
+    MetricsRawClient client;
+    VERIFY(Open(client, s_file.path));
+    Flush();
+    const std::size_t size = ReadFile(s_file.path).size();
+    s_mostAtOnce = 1000;
+    s_beforeWrite = [&] { std::thread([&] { isComplete = client.Close(100); }).join(); };
+    Send(std::string(10'000, 'x'));
+    Flush();
+    VERIFY(!isComplete);
+    VERIFY(ReadFile(s_file.path).size() == size + 1000);
+    s_mostAtOnce = SIZE_MAX;
+}
+
+/// A file system that takes a few bytes at a time, and is interrupted at that, gets all of them.
+void WritesInSmallSteps() {
+    const Session session;
+    MetricsRawClient client;
+    s_mostAtOnce = 7;
+    s_interrupted = 3;
+    VERIFY(Open(client, s_file.path));
+    Flush();
+    s_interrupted = 3;
+    Send("in small steps", 1);
+    VERIFY(client.Close(forever));
+    s_mostAtOnce = SIZE_MAX;
+    const std::string text = ReadFile(s_file.path);
+    VERIFY(text.starts_with(header) && Count(text, ",7,in small steps,1\n") == 1);
+    VERIFY(AreLines(text, ","));
+}
+
+/// Some file systems find out when the file is closed. What was found first counts.
+void TellsWhatCloseFinds() {
+    const Session session;
+    MetricsRawClient client;
+    for (const auto& [path, error] : {std::pair(s_file.path, EDQUOT), {"/dev/full", ENOSPC}}) {
+        VERIFY(Open(client, path));
+        Flush();
+        s_closeError = EDQUOT;
+        VERIFY(!client.Close(forever));
+        s_closeError = 0;
+        VERIFY(client.GetFirstError().error == error);
+    }
+    s_closeError = EINTR; // no failure, and the file is closed
+    client.SetOutputFileName(s_file.path);
+    VERIFY(client.Open() && client.Close(forever));
+    s_closeError = 0;
+}
+
 /// After a write that failed nothing is added, even when there would be room again: what is in the
 /// file is the beginning of what happened, and maybe the beginning of a line.
 void WritesNothingBehindAFailure() {
@@ -303,21 +372,56 @@ void IsCancelledInClose() {
     VERIFY(hasClosed && Count(ReadFile(s_file.path), ",7,waits,") == 1);
 }
 
-/// Programs that the host starts do not get the file.
+/// Programs that the host starts do not get the file, also when it is the one that the host's own
+/// output goes to: they get that alone.
 void IsNotInherited() {
     const Session session;
     MetricsRawClient client;
     VERIFY(Open(client, s_file.path));
     const std::string path = std::filesystem::canonical(s_file.path);
-    int found = 0;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-        std::error_code gone; // the iterator's own
-        if (std::filesystem::read_symlink(entry.path(), gone) != path)
-            continue;
-        ++found;
-        VERIFY(fcntl(std::stoi(entry.path().filename()), F_GETFD) == FD_CLOEXEC);
-    }
+    const auto inherited = [&path] {
+        const std::string command =
+            "ls -l /proc/self/fd | grep -c '" + path + "' >" + path + ".found";
+        VERIFY(std::system(command.c_str()) >= 0);
+        const int found = std::stoi(ReadFile(path + ".found"));
+        unlink((path + ".found").c_str());
+        return found;
+    };
+    VERIFY(inherited() == 0);
+    VERIFY(client.Close(forever));
+
+    const int output = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+    const int before = fcntl(2, F_DUPFD_CLOEXEC, 0);
+    VERIFY(output >= 0 && before >= 0 && dup2(output, 2) == 2);
+    VERIFY(client.Open());
+    const int found = inherited();
+    VERIFY(dup2(before, 2) == 2);
     VERIFY(found == 1);
+}
+
+/// Close says that not all is in the file: the delivery has not got there in time, or it ended
+/// before.
+void ClosesWithoutAllThatWasEmitted() {
+    std::atomic<bool> goesOn{false}, isComplete{true};
+    std::atomic<pid_t> closing{0};
+    Manager().SetThreadInitFunction([&] { VERIFY(Poll([&] { return goesOn.load(); })); });
+    const Session session;
+    MetricsRawClient early, late;
+    VERIFY(Open(early, "/dev/null") && Open(late, s_file.path));
+    Send("waits");
+    VERIFY(!early.Close(50));
+    Send("end", 0, 0, MetricsEventType::Shutdown);
+    Send("behind");
+    std::thread thread([&] {
+        closing = gettid();
+        isComplete = late.Close(forever);
+    });
+    VERIFY(Poll([&] { return closing != 0 && IsAsleep(closing); }));
+    goesOn = true;
+    thread.join();
+    VERIFY(!isComplete);
+    const std::string text = ReadFile(s_file.path);
+    VERIFY(Count(text, ",7,waits,") == 1 && Count(text, "behind") == 0);
 }
 
 } // namespace
@@ -333,8 +437,12 @@ int main(int argc, char** argv) {
                      {"WritesWhereStdoutGoes", [] { WritesToStandardOutput(s_file.path); }, 20},
                      {"ClosesWhileAConsumerIsStuck", ClosesWhileAConsumerIsStuck, 20},
                      {"ClosesInTheMiddleOfAWrite", ClosesInTheMiddleOfAWrite, 20},
+                     {"ClosesInTheMiddleOfALine", ClosesInTheMiddleOfALine, 20},
+                     {"WritesInSmallSteps", WritesInSmallSteps, 20},
                      {"WritesNothingBehindAFailure", WritesNothingBehindAFailure, 20},
+                     {"TellsWhatCloseFinds", TellsWhatCloseFinds, 20},
                      {"TellsTheFirstError", TellsTheFirstError, 20},
                      {"IsCancelledInClose", IsCancelledInClose, 20},
+                     {"ClosesWithoutAllThatWasEmitted", ClosesWithoutAllThatWasEmitted, 20},
                      {"IsNotInherited", IsNotInherited, 20}});
 }

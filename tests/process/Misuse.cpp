@@ -3,6 +3,9 @@
 #include "../support/Exercise.h"
 #include "../support/Process.h"
 
+#include <pthread.h>
+#include <sys/syscall.h>
+
 #include <array>
 #include <vector>
 
@@ -55,6 +58,53 @@ void CallsBack(bool synchronous) {
     VERIFY(Poll([&] { return isDone.load(); }) && IsInert());
 }
 
+/// A consumer or the init function ends the delivery thread by pthread_exit: nothing more is
+/// delivered, and nobody who waits for that waits for good.
+void EndsTheDeliveryThread(bool inInitFunction) {
+    static std::atomic<bool> isUnwound{false};
+    struct Local {
+        ~Local() { isUnwound = true; }
+    };
+    const auto end = [] {
+        const Local local;
+        pthread_exit(nullptr);
+    };
+    if (inInitFunction)
+        Manager().SetThreadInitFunction(end);
+    const auto consumer = Consume(false, [end](const MetricsEvent&) { end(); });
+    VERIFY(consumer);
+    for (int i = 0; i < 3; ++i)
+        Send(i);
+    VERIFY(Poll([] { return isUnwound && ThreadsNamed("metrics") == 0; }));
+    Send(3);
+    VERIFY(Manager().RemoveConsumer(consumer));
+    auto start = Clock::now();
+    Manager().WaitUntilWritesFlushed(100);
+    VERIFY(SecondsSince(start) < 5);
+    start = Clock::now();
+    VERIFY(!Manager().Disable());
+    VERIFY(SecondsSince(start) < 5);
+    VERIFY(IsInert());
+}
+
+/// A thread ends inside of a synchronous call, without any of its destructors: nobody waits for
+/// that call, also not when the memory of the thread is ready for another one.
+void EndsInsideOfASynchronousCall() {
+    const Session session;
+    Consume(true, [](const MetricsEvent& event) {
+        if (event.bits == MetricsBits::act)
+            syscall(SYS_exit, 0); // the thread alone, see _exit(2)
+    });
+    Consume(false, [](const MetricsEvent&) {});
+    std::thread([] { Send(0, 0, MetricsBits::act); }).join();
+    for (int i = 0; i < 40; ++i) { // so many new ones that the library looks who has ended
+        std::thread([] { Send(0); }).join();
+        Flush();
+        Flush(); // it has looked by now
+        VERIFY(Manager().RemoveConsumer(Consume(true, [](const MetricsEvent&) {})));
+    }
+}
+
 /// Registrations get their turn while eight threads and the delivery thread call without a pause.
 void RegistersUnderLoad() {
     constexpr unsigned backlog = 2000;
@@ -90,9 +140,14 @@ void RegistersUnderLoad() {
 } // namespace
 
 int main(int argc, char** argv) {
-    return RunCases(argc, argv,
-                    {{"EmitsWhileItsRemovalWaits", EmitsWhileItsRemovalWaits},
-                     {"ASynchronousConsumerCallsBack", [] { CallsBack(true); }},
-                     {"AnAsynchronousConsumerCallsBack", [] { CallsBack(false); }},
-                     {"RegistersUnderLoad", RegistersUnderLoad, 60}});
+    std::vector<Case> cases{{"EmitsWhileItsRemovalWaits", EmitsWhileItsRemovalWaits},
+                            {"ASynchronousConsumerCallsBack", [] { CallsBack(true); }},
+                            {"AnAsynchronousConsumerCallsBack", [] { CallsBack(false); }},
+                            {"RegistersUnderLoad", RegistersUnderLoad, 60}};
+    if (sanitizer.empty()) // whose runtimes want to see every thread end
+        cases.insert(cases.end(),
+                     {{"AConsumerEndsTheDeliveryThread", [] { EndsTheDeliveryThread(false); }, 30},
+                      {"TheInitFunctionEndsIt", [] { EndsTheDeliveryThread(true); }, 30},
+                      {"EndsInsideOfASynchronousCall", EndsInsideOfASynchronousCall, 30}});
+    return RunCases(argc, argv, cases);
 }

@@ -9,6 +9,7 @@
 #include "TraceFile.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 
 #include <array>
@@ -23,7 +24,8 @@ using namespace Metrics::test;
 namespace {
 
 std::atomic<bool> s_diskIsFull{false};
-int s_writesToLive = -1; // then the process is killed in the middle of one
+int s_writesToLive = -1;                  // then the process is killed in the middle of one
+std::atomic<bool> s_writesInSteps{false}; // a few bytes each, and every other one is interrupted
 
 } // namespace
 
@@ -35,6 +37,13 @@ extern "C" ssize_t pwrite(int file, const void* bytes, size_t size, off_t offset
         raise(SIGKILL);
     }
     s_writesToLive -= s_writesToLive > 0 ? 1 : 0;
+    if (s_writesInSteps) {
+        static bool isInterrupted = false;
+        isInterrupted = !isInterrupted;
+        if (isInterrupted)
+            return errno = EINTR, -1;
+        return syscall(SYS_pwrite64, file, bytes, std::min<std::size_t>(size, 100), offset);
+    }
     const bool isFull = s_diskIsFull && size != 8;
     if (isFull && size < 1000)
         return errno = ENOSPC, -1;
@@ -332,6 +341,113 @@ void IsFull(bool inTheEnd) {
     VERIFY(trace.discarded == (inTheEnd ? 10'001 : 10'000));
 }
 
+/// How many descriptors of the trace this process has; none of them is inherited by others.
+int OpenDescriptors() {
+    int found = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone; // the iterator's own
+        const std::string target = std::filesystem::read_symlink(entry.path(), gone);
+        if (target.find(s_folder.path) == std::string::npos)
+            continue;
+        ++found;
+        VERIFY(fcntl(std::stoi(entry.path().filename()), F_GETFD) == FD_CLOEXEC);
+    }
+    return found;
+}
+
+/// The disk is full when a new file begins, and another one, while the oldest are to go. No event
+/// is there twice, and there is never more than what is kept.
+void IsFullWhereAFileBegins(bool inTheEnd) {
+    constexpr std::uint64_t kept = 128 << 10;
+    const Session session;
+    MetricsTraceClient client;
+    VERIFY(OpenTrace(client, kept));
+    std::int64_t last = 0;
+    for (const bool isFull : {false, true, false, true}) {
+        s_diskIsFull = isFull;
+        for (int i = 0; i < 20; ++i, Flush()) {
+            for (int n = 0; n < 500; ++n)
+                Send("event", ++last);
+            VERIFY(SizeOf(s_folder.path) <= kept);
+        }
+    }
+    s_diskIsFull = inTheEnd;
+    VERIFY(!client.Close(forever));
+    s_diskIsFull = false;
+    VERIFY(SizeOf(s_folder.path) <= kept);
+    VERIFY(Complaints(s_folder.path).empty());
+    std::int64_t before = 0;
+    for (const TraceEvent& read : ReadTrace(s_folder.path).events)
+        if (read.event.eventType == MetricsEventType::Custom)
+            VERIFY(std::exchange(before, read.event.param2.integer) < read.event.param2.integer);
+    VERIFY(before > 20'000);
+}
+
+/// Files that must be small, written in small steps: all of it is there.
+void IsWrittenInSmallStepsAndFiles() {
+    rlimit limit{};
+    VERIFY(getrlimit(RLIMIT_FSIZE, &limit) == 0);
+    const rlimit before = limit;
+    limit.rlim_cur = 100'000;
+    VERIFY(setrlimit(RLIMIT_FSIZE, &limit) == 0);
+    const Session session;
+    MetricsTraceClient client;
+    s_writesInSteps = true;
+    VERIFY(OpenTrace(client));
+    for (int i = 1; i <= 10'000; ++i)
+        Send("event", i);
+    Flush();
+    VERIFY(OpenDescriptors() == 2); // the folder and the newest file
+    VERIFY(client.Close(forever));
+    VERIFY(OpenDescriptors() == 0);
+    s_writesInSteps = false;
+    VERIFY(setrlimit(RLIMIT_FSIZE, &before) == 0);
+    IsWhole(10'000 - 1);
+    VERIFY(!client.GetFirstError());
+}
+
+/// Files must be smaller than the trace is by the time that it is closed: the host's thread, which
+/// does that, is not sent the signal of it.
+void ClosesBeyondALimit() {
+    const Session session;
+    MetricsTraceClient client;
+    VERIFY(OpenTrace(client));
+    for (int i = 1; i <= 10'000; ++i)
+        Send("event", i);
+    Flush();
+    rlimit limit{};
+    VERIFY(getrlimit(RLIMIT_FSIZE, &limit) == 0);
+    limit.rlim_cur = 100'000;
+    VERIFY(setrlimit(RLIMIT_FSIZE, &limit) == 0);
+    Manager().SetBitsAbsolute(0); // there is nothing to write but the file without its padding
+    VERIFY(client.Close(forever));
+    limit.rlim_cur = limit.rlim_max;
+    VERIFY(setrlimit(RLIMIT_FSIZE, &limit) == 0);
+    sigset_t pending;
+    VERIFY(sigpending(&pending) == 0 && sigismember(&pending, SIGXFSZ) == 0);
+    IsWhole(10'000 - 1);
+}
+
+/// The memory of a huge event is kept no longer than it takes.
+void GivesTheMemoryOfAHugeEventBack() {
+    const auto residentKiB = [] {
+        const std::string status = ReadFile("/proc/self/status");
+        return std::stol(status.substr(status.find("VmRSS:") + 6));
+    };
+    const Session session;
+    MetricsTraceClient client;
+    VERIFY(OpenTrace(client));
+    Send("event");
+    Flush();
+    const long before = residentKiB();
+    Send(std::string(64 << 20, 'x'));
+    Flush();
+    Send("event");
+    Flush();
+    VERIFY(residentKiB() < before + (16 << 10));
+    VERIFY(client.Close(forever));
+}
+
 /// While another consumer is slow, and the batch without an end, what was delivered reaches the
 /// disk.
 void IsOnTheDiskBehindASlowConsumer() {
@@ -413,6 +529,10 @@ void OpensFolders() {
     std::ofstream(s_folder.path + "/mine") << "of the user";
     VERIFY(errorOf(s_folder.path) == EEXIST && ReadFile(s_folder.path + "/mine") == "of the user");
     std::filesystem::remove(s_folder.path + "/mine");
+    std::filesystem::remove(s_folder.path + "/metadata");
+    std::ofstream(s_folder.path + "/events-000000") << "of the user";
+    VERIFY(errorOf(s_folder.path) == EEXIST);
+    std::filesystem::remove(s_folder.path + "/events-000000");
     std::ofstream(s_folder.path + "/metadata") << "/* CTF 1.8 */ of another tool";
     VERIFY(errorOf(s_folder.path) == EEXIST);
     std::filesystem::remove(s_folder.path + "/metadata");
@@ -422,15 +542,22 @@ void OpensFolders() {
 } // namespace
 
 int main(int argc, char** argv) {
-    return RunCases(argc, argv,
-                    {{"HoldsEveryField", HoldsEveryField, 60},
-                     {"HoldsWhatTheCSVFileHolds", HoldsWhatTheCsvFileHolds, 60},
-                     {"IsKilled", IsKilled, 300},
-                     {"IsKilledInAWrite", IsKilledInAWrite, 100},
-                     {"KeepsTheNewest", KeepsTheNewest, 60},
-                     {"IsFullForAWhile", [] { IsFull(false); }, 60},
-                     {"IsFullInTheEnd", [] { IsFull(true); }, 60},
-                     {"IsOnTheDiskBehindASlowConsumer", IsOnTheDiskBehindASlowConsumer, 60},
-                     {"ForksWhileItIsOpen", ForksWhileItIsOpen, 60},
-                     {"OpensFolders", OpensFolders, 60}});
+    std::vector<Case> cases{
+        {"HoldsEveryField", HoldsEveryField, 60},
+        {"HoldsWhatTheCSVFileHolds", HoldsWhatTheCsvFileHolds, 60},
+        {"IsKilled", IsKilled, 300},
+        {"IsKilledInAWrite", IsKilledInAWrite, 100},
+        {"KeepsTheNewest", KeepsTheNewest, 60},
+        {"IsFullForAWhile", [] { IsFull(false); }, 60},
+        {"IsFullInTheEnd", [] { IsFull(true); }, 60},
+        {"IsFullWhereAFileBegins", [] { IsFullWhereAFileBegins(false); }, 60},
+        {"IsFullWhereTheLastOneBegins", [] { IsFullWhereAFileBegins(true); }, 60},
+        {"IsWrittenInSmallStepsAndFiles", IsWrittenInSmallStepsAndFiles, 60},
+        {"IsOnTheDiskBehindASlowConsumer", IsOnTheDiskBehindASlowConsumer, 60},
+        {"ForksWhileItIsOpen", ForksWhileItIsOpen, 60},
+        {"ClosesBeyondALimit", ClosesBeyondALimit, 60},
+        {"OpensFolders", OpensFolders, 60}};
+    if (sanitizer.empty()) // whose allocators keep what is freed
+        cases.push_back({"GivesTheMemoryOfAHugeEventBack", GivesTheMemoryOfAHugeEventBack, 60});
+    return RunCases(argc, argv, cases);
 }
