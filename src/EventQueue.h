@@ -216,8 +216,8 @@ public:
     std::uint64_t Taken() const noexcept { return m_taken.load(std::memory_order_acquire); }
     std::uint64_t Appended() const noexcept { return m_appended.load(std::memory_order_relaxed); }
 
-    /// The memory that waiting records take, in the chunks and outside. Exact while nobody appends
-    /// or takes; otherwise it may be off by a chunk.
+    /// The memory that waiting records take, in the chunks and outside. Exact while nobody takes
+    /// any; otherwise it may be too much, by what is taken and appended meanwhile.
     std::size_t QueuedBytes() const noexcept;
 
 private:

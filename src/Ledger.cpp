@@ -52,7 +52,13 @@ MetricsStatistics Ledger::Counts() noexcept {
     }
     now.accepted = now.delivered + now.queued + now.lostToLimit + now.lostToMemory +
                    now.lostToException + now.lostToShutdown;
-    SeeQueuedBytes(now.queuedBytes);
+    // While events are taken out, the queues' figures are of different times, and their sum may
+    // never have been there. The delivery thread looks then.
+    std::uint64_t takenSince = 0;
+    for (const ThreadRecord* r = s_threads.First(); r != nullptr; r = r->next)
+        takenSince += r->queue.Taken();
+    if (takenSince == taken)
+        SeeQueuedBytes(now.queuedBytes);
     now.peakQueuedBytes = m_peak.load(std::memory_order_relaxed);
     now.threads = s_threads.Size();
     now.oldestNanoseconds = now.queued == 0 ? 0 : StampClock::Ticks() - now.oldestNanoseconds;
