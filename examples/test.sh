@@ -32,6 +32,34 @@ expect 0 "$programs/wordcount" -setabs=parse -raw=out.csv tree
 [[ $(grep -c ',5,count,' out.csv) == 2 ]] || fail "a scope is missing"
 ! grep -q ',read,' out.csv || fail "there is a scope of a category that is off"
 
+# With a bound and a consumer that is slower than the workers: the run stays within the bound, what
+# is lost stands in the file at its place, and the ledger agrees with the file to the last event.
+mkdir many
+for i in {1..3000}; do printf '%d words' "$i" >"many/$i"; done
+for ((run = 0; run < (60 * scale + 99) / 100; ++run)); do
+    expect 0 "$programs/wordcount" -limit=1M -slow=20 -raw=out.csv many
+    says '3000 files, 0 lines, 6000 words'
+    awk -F'[^0-9]+' '
+        function expect(what, is, wanted) {
+            if (is != wanted) { print what ": " is ", not " wanted >"/dev/stderr"; failed = 1 }
+        }
+        / events = / {
+            accepted = $2; delivered = $3; lost = $5; peak = $9
+            expect("the sum", $3 + $4 + $5 + $6 + $7 + $8, accepted)
+        }
+        FILENAME != "-" && /,7,lost,[0-9]*$/ { sub(/.*,/, ""); told += $0; ++gaps; next }
+        FILENAME != "-" && FNR > 1 { ++lines }
+        END {
+            expect("lines", lines, delivered)
+            expect("told", told, lost)
+            expect("whether there are gaps", gaps > 0 && lost > 0, 1)
+            expect("whether it stays within the bound", peak <= 1024 * 1024 * 1.05, 1)
+            exit failed
+        }' out.csv - <<<"$said" || fail "run $run: $said"
+done
+expect 2 "$programs/wordcount" -limit=much many
+says "not a number: '-limit=much'"
+
 expect 1 "$programs/wordcount" tree/a.txt missing.txt
 says "cannot read 'missing.txt'" '1 files, 1 lines, 3 words'
 # A file that cannot be recorded to is reported; a full disk costs the lines and nothing else.

@@ -2,10 +2,14 @@
 
 #include <metrics/Metrics.h>
 
+#include <chrono>
 #include <cinttypes>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <filesystem>
+#include <new>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -14,17 +18,94 @@ namespace {
 
 constexpr const char* usage =
     "usage: wordcount [-set=LIST | -setabs=LIST] [-clear=LIST] [-raw=FILE]\n"
-    "                 [-trace=FOLDER [-trace-keep=SIZE]] PATH...\n"
+    "                 [-trace=FOLDER [-trace-keep=SIZE]] [-limit=SIZE [-slow=N]] PATH...\n"
     "Counts the words of files, and of all files in folders.\n"
     "  -raw=FILE         record what happens, and when, in this CSV file\n"
     "  -trace=FOLDER     record it in this folder, for babeltrace2\n"
     "  -trace-keep=SIZE  keep the newest of it, such as 64M, and no more\n"
+    "  -limit=SIZE       queue so much and no more, and say at the end what was lost\n"
+    "  -slow=N           take N microseconds more for each event, to see what a limit is for\n"
     "  -set=LIST         record these categories, such as act,parse\n"
     "  -setabs=LIST      record these categories and no others\n"
     "  -clear=LIST       do not record these categories\n";
 
 struct UsageError : std::runtime_error {
     using std::runtime_error::runtime_error;
+};
+
+/// What stands behind the option; nothing when it is not this option.
+std::optional<std::uint64_t> NumberOf(const std::string& argument, const std::string& option) {
+    if (argument.rfind(option, 0) != 0)
+        return {};
+    const char* const begin = argument.c_str() + option.size();
+    char* end = nullptr;
+    std::uint64_t number = std::strtoull(begin, &end, 10);
+    const std::string unit = end;
+    number <<= unit == "K" ? 10 : unit == "M" ? 20 : 0;
+    if (end == begin || (!unit.empty() && unit != "K" && unit != "M"))
+        throw UsageError("not a number: '" + argument + "'");
+    return number;
+}
+
+/// A consumer that cannot keep up.
+class SlowConsumer final : public Metrics::IMetricsListener {
+public:
+    explicit SlowConsumer(std::uint64_t microseconds) : m_time(microseconds) {}
+
+    void OnMetricsEvent(const Metrics::MetricsEvent&) override {
+        const auto end = std::chrono::steady_clock::now() + m_time;
+        while (std::chrono::steady_clock::now() < end) {}
+    }
+
+private:
+    const std::chrono::microseconds m_time;
+};
+
+void PrintLedger(const Metrics::MetricsStatistics& now) {
+    std::fprintf(stderr,
+                 "wordcount: %" PRIu64 " events = %" PRIu64 " delivered + %" PRIu64
+                 " queued + %" PRIu64 " lost to the limit + %" PRIu64 " to memory + %" PRIu64
+                 " to exceptions + %" PRIu64 " at the end; at most %" PRIu64 " bytes\n",
+                 now.accepted, now.delivered, now.queued, now.lostToLimit, now.lostToMemory,
+                 now.lostToException, now.lostToShutdown, now.peakQueuedBytes);
+}
+
+/// A bound on what is queued. It goes behind the metrics, and says then what became of all events.
+class Bound {
+public:
+    /// @return false when the argument is something else.
+    bool ProcessArgument(const std::string& argument) {
+        const auto limit = NumberOf(argument, "-limit=");
+        const auto slow = NumberOf(argument, "-slow=");
+        m_limit = limit.value_or(m_limit);
+        m_slow = slow.value_or(m_slow);
+        return limit.has_value() || slow.has_value();
+    }
+
+    void Start() {
+        Metrics::MetricsManager& manager = *Metrics::MetricsManager::GetInstance();
+        manager.SetQueueLimit(m_limit, Metrics::MetricsQueuePolicy::DropNewest);
+        m_isSet = m_limit != 0;
+        if (m_slow == 0)
+            return;
+        manager.Enable();
+        manager.AddConsumer(korsys::MakeRefCnt<SlowConsumer>(m_slow), Metrics::MetricsBits::all,
+                            false);
+    }
+
+    ~Bound() {
+        try {
+            if (m_isSet)
+                PrintLedger(Metrics::MetricsManager::GetInstance()->GetStatistics());
+        } catch (const std::bad_alloc&) {
+            // Then it is not said.
+        }
+    }
+
+private:
+    std::uint64_t m_limit = 0; // bytes
+    std::uint64_t m_slow = 0;  // microseconds
+    bool m_isSet = false;
 };
 
 /// The metrics of this process: on from Start, off when it goes, whichever way that comes about.
@@ -66,17 +147,19 @@ private:
 };
 
 int Run(const std::vector<std::string>& arguments) {
+    Bound bound;
     MetricsSession session;
     std::vector<std::filesystem::path> paths;
     for (const std::string& argument : arguments) {
-        if (argument.rfind('-', 0) == 0)
-            session.Configure(argument);
-        else
+        if (argument.rfind('-', 0) != 0)
             paths.emplace_back(argument);
+        else if (!bound.ProcessArgument(argument))
+            session.Configure(argument);
     }
     if (paths.empty())
         throw UsageError("nothing to count");
     try {
+        bound.Start();
         session.Start();
     } catch (const std::runtime_error& error) {
         throw std::runtime_error(std::string("cannot record: ") + error.what());
