@@ -7,6 +7,9 @@
 #include "analysis/Diff.h"
 #include "analysis/Report.h"
 #include "analysis/Slow.h"
+#include "export/Chrome.h"
+#include "export/Otlp.h"
+#include "export/Table.h"
 #include "timeline/TimelinePage.h"
 #include "view/Views.h"
 
@@ -14,6 +17,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
+#include <cmath>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -122,6 +127,15 @@ void AddAll(CLI::App* command, Options& options) {
     command->add_flag("--all", options.showAll, "Show every row");
 }
 
+void AddIdentity(CLI::App* command, std::string& service, std::string& host) {
+    command
+        ->add_option("--service", service,
+                     "The name of the service ($OTEL_SERVICE_NAME, or the file's name)")
+        ->option_text("NAME");
+    command->add_option("--host", host, "The machine that the run was recorded on (this one)")
+        ->option_text("NAME");
+}
+
 int RunReport(const Options& options) {
     Loader loader;
     const Model model = loader.Load(options);
@@ -221,6 +235,64 @@ int RunTimeline(const Options& options, std::uint64_t keep, const std::string& p
     return loader.IsComplete() ? allWell : failed;
 }
 
+/// What `convert` is asked for beside the files.
+struct ConvertOptions {
+    std::vector<std::string> to; ///< a format, and perhaps a time
+    std::string path;
+    std::string service;
+    std::string host;
+    std::string from;
+    ChromeOptions chrome;
+};
+
+/// Seconds, or with a unit behind the number: s, ms, us, ns.
+std::uint64_t ToNanoseconds(const std::string& text) {
+    double number = 0;
+    const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
+    const std::string_view unit(result.ptr, text.data() + text.size());
+    const double factor = unit.empty() || unit == "s" ? 1e9
+                          : unit == "ms"              ? 1e6
+                          : unit == "us"              ? 1e3
+                          : unit == "ns"              ? 1
+                                                      : 0;
+    if (result.ec != std::errc() || factor == 0 || number < 0 || number * factor > 9e18)
+        throw std::runtime_error("no time: '" + text + "'");
+    return static_cast<std::uint64_t>(std::llround(number * factor));
+}
+
+int RunConvert(const Options& options, ConvertOptions wanted) {
+    std::string format;
+    for (const std::string& to : wanted.to) {
+        if (to == "otlp" || to == "chrome" || to == "table")
+            format = to;
+        else
+            wanted.chrome.to = ToNanoseconds(to);
+    }
+    if (!wanted.from.empty())
+        wanted.chrome.from = ToNanoseconds(wanted.from);
+    if (format.empty())
+        throw std::runtime_error("--to takes otlp, chrome or table");
+    const bool isPart =
+        wanted.to.size() > 1 || !wanted.from.empty() || wanted.chrome.slowest || wanted.chrome.root;
+    if (isPart && format != "chrome")
+        throw std::runtime_error("only --to chrome takes a part of a run");
+    Loader loader;
+    const Model model = loader.Load(options);
+    if (model.runs.empty())
+        return failed;
+    std::vector<RunIdentity> identities;
+    for (const Run& run : model.runs)
+        identities.push_back(
+            Identify(run.path, run.pid, run.wallOffset, wanted.service, wanted.host));
+    if (format == "otlp")
+        WriteOtlp(model, identities, wanted.path);
+    else if (format == "table")
+        WriteTables(model, identities, wanted.path);
+    else
+        WriteChrome(model, identities, wanted.chrome, wanted.path);
+    return loader.IsComplete() ? allWell : failed;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -297,6 +369,39 @@ int main(int argc, char** argv) {
                      "requests; the others are summed up (1250000)")
         ->option_text("N");
     timeline->callback([&] { status = RunTimeline(options, keep, page); });
+
+    CLI::App* const convert =
+        app.add_subcommand("convert", "Write runs in a format that other programs read");
+    ConvertOptions wanted;
+    convert->add_option("RUN", options.files, "Files of events; - is the standard input")
+        ->required();
+    convert
+        ->add_option(
+            "--to", wanted.to,
+            "otlp: requests of OpenTelemetry in JSON, one a line; chrome: trace events in "
+            "JSON, for Perfetto and others; table: tables for SQL engines. Also the end of "
+            "what --from begins")
+        ->option_text("FORMAT|TIME")
+        ->required()
+        ->expected(1)
+        ->take_all();
+    convert
+        ->add_option("-o,--output", wanted.path,
+                     "The file to write, - is the standard output; of tables NAME.spans.csv and "
+                     "NAME.events.csv")
+        ->option_text("FILE|NAME")
+        ->required();
+    AddIdentity(convert, wanted.service, wanted.host);
+    convert
+        ->add_option("--from", wanted.from,
+                     "Only what goes on behind this time, which is in seconds or has a unit, up to "
+                     "that of another --to (chrome)")
+        ->option_text("TIME");
+    convert->add_option("--slowest", wanted.chrome.slowest, "Only so many requests (chrome)")
+        ->option_text("N");
+    convert->add_option("--root", wanted.chrome.root, "Only the context of this id (chrome)")
+        ->option_text("ID");
+    convert->callback([&] { status = RunConvert(options, wanted); });
 
     try {
         app.parse(argc, argv);
