@@ -9,6 +9,7 @@
 #include "analysis/Slow.h"
 #include "export/Chrome.h"
 #include "export/Otlp.h"
+#include "export/Send.h"
 #include "export/Table.h"
 #include "timeline/TimelinePage.h"
 #include "view/Views.h"
@@ -23,6 +24,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <iostream>
+#include <map>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -35,7 +37,7 @@ using namespace Metrics::tools;
 
 // The exit statuses, which docs/metrics-command.md tells.
 constexpr int allWell = 0;
-constexpr int notWell = 1; ///< `check` has found something
+constexpr int notWell = 1; ///< `check` has found something, or `send` was refused some spans
 constexpr int failed = 2;  ///< nothing could be read or written, or the arguments are wrong
 
 /// What the sub-commands have in common.
@@ -293,6 +295,25 @@ int RunConvert(const Options& options, ConvertOptions wanted) {
     return loader.IsComplete() ? allWell : failed;
 }
 
+int RunSend(const Options& options, SendOptions wanted) {
+    wanted.paths = options.files;
+    const SendResult result = Send(wanted, [](const std::string& message) {
+        std::fprintf(stderr, "metrics: %s\n", message.c_str());
+    });
+    if (options.asJson)
+        Write({{"runs", result.runs},
+               {"spans", result.spans},
+               {"sent_before", result.sentBefore},
+               {"rejected", result.rejected},
+               {"requests", result.requests}});
+    else
+        std::cout << result.spans << " spans sent, " << result.sentBefore << " were sent before, "
+                  << result.rejected << " rejected\n";
+    if (!result.isComplete || result.runs != wanted.paths.size())
+        return failed;
+    return result.rejected == 0 ? allWell : notWell;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -402,6 +423,39 @@ int main(int argc, char** argv) {
     convert->add_option("--root", wanted.chrome.root, "Only the context of this id (chrome)")
         ->option_text("ID");
     convert->callback([&] { status = RunConvert(options, wanted); });
+
+    CLI::App* const send =
+        AddCommand(app, "send", "Send runs to a collector of OpenTelemetry", options);
+    SendOptions sending;
+    bool isUncompressed = false;
+    send->add_option("RUN", options.files, "Files of events; - is the standard input")->required();
+    send->add_option("--otlp", sending.collector.url, "The collector, such as http://host:4318")
+        ->option_text("URL")
+        ->required();
+    send->add_flag("--follow", sending.isFollowing,
+                   "Go along with files that are being written, until interrupted");
+    AddIdentity(send, sending.service, sending.host);
+    send->add_option("--header", sending.collector.headers, "Send this header too, 'Name: value'")
+        ->option_text("HEADER")
+        ->expected(1)
+        ->take_all();
+    send->add_option("--encoding", sending.collector.encoding, "protobuf or json (protobuf)")
+        ->option_text("NAME")
+        ->transform(CLI::Transformer(std::map<std::string, OtlpEncoding>{
+            {"protobuf", OtlpEncoding::Protobuf}, {"json", OtlpEncoding::Json}}));
+    send->add_flag("--uncompressed", isUncompressed, "Do without gzip");
+    send->add_option("--timeout", sending.collector.timeout, "Seconds for one request (10)")
+        ->option_text("SECONDS")
+        ->check(CLI::Range(0.1, 1e5));
+    send->add_option("--patience", sending.patience,
+                     "Seconds for which a request is sent again when the collector is away, where "
+                     "no file is followed (60)")
+        ->option_text("SECONDS")
+        ->check(CLI::Range(0.0, 1e6));
+    send->callback([&] {
+        sending.collector.isCompressed = !isUncompressed;
+        status = RunSend(options, sending);
+    });
 
     try {
         app.parse(argc, argv);
