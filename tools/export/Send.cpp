@@ -87,7 +87,7 @@ public:
         return m_hasFailed;
     }
 
-    /// How large a request the collector takes, as far as that is known.
+    /// How large a request should be, for this collector.
     std::size_t Room() const { return m_room; }
 
     /// What waits has so long from now on; nothing is sent twice.
@@ -142,16 +142,18 @@ private:
     /// @return false when it could not be sent, now or ever: nothing behind it is to be, either.
     bool SendPart(const Batch& batch, std::size_t begin, std::size_t end) {
         const std::string request = m_encoder->MakeRequest(batch.run, batch.spans, begin, end);
+        const std::size_t count = end - begin;
         Collector::Answer answer;
-        bool isTooLarge = request.size() > largestRequest;
+        bool isTooLarge = request.size() > (count > 1 ? m_largest : largestRequest);
         if (!isTooLarge) {
             if (!PostUntilAnswered(request, answer))
                 return false;
             isTooLarge = answer.status == 413;
-            if (isTooLarge)
+            if (isTooLarge && count > 1) {
+                m_largest = std::min(m_largest, request.size() - 1);
                 m_room = std::min<std::size_t>(m_room, request.size() / 2);
+            }
         }
-        const std::size_t count = end - begin;
         if (isTooLarge && count > 1)
             return SendPart(batch, begin, begin + count / 2) &&
                    SendPart(batch, begin + count / 2, end);
@@ -239,6 +241,7 @@ private:
     // Of the thread, until it has ended.
     Collector m_collector;
     SendResult m_result;
+    std::size_t m_largest = largestRequest; ///< of several spans: larger ones were refused
     bool m_hasToldState = false;
     std::minstd_rand m_random{std::random_device()()};
 

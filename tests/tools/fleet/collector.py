@@ -5,6 +5,7 @@ import gzip
 import importlib
 import json
 import pathlib
+import socket
 import subprocess
 import sys
 import tempfile
@@ -75,6 +76,7 @@ class Collector:
         self._messages = None if counts_only else load_messages()
         self._lock = threading.Lock()
         self._gone = threading.Event()
+        self._connections = []
         collector = self
 
         class Handler(BaseHTTPRequestHandler):
@@ -82,6 +84,10 @@ class Collector:
 
             def log_message(self, *_):
                 pass
+
+            def setup(self):
+                super().setup()
+                collector._connections.append(self.connection)
 
             def do_POST(self):
                 body = self.rfile.read(int(self.headers["Content-Length"]))
@@ -112,14 +118,17 @@ class Collector:
                     self.send_header("Retry-After", words[-1])
                 self.send_header("Content-Type", self.headers["Content-Type"])
                 self.send_header("Content-Length", str(len(answer)))
-                self.end_headers()
-                self.wfile.write(answer)
+                try:
+                    self.end_headers()
+                    self.wfile.write(answer)
+                except OSError:
+                    self.close_connection = True # nobody waits for it any more
 
         self._server = ThreadingHTTPServer(("127.0.0.1", port), Handler)
         self._server.daemon_threads = True
         self.port = self._server.server_address[1]
         self.url = f"http://127.0.0.1:{self.port}"
-        self._thread = threading.Thread(target=self._server.serve_forever, args=(0.05,))
+        self._thread = threading.Thread(target=self._server.serve_forever, args=(0.05,), daemon=True)
 
     def __enter__(self):
         self._thread.start()
@@ -130,6 +139,11 @@ class Collector:
         self._server.shutdown()
         self._thread.join()
         self._server.server_close()
+        for connection in self._connections:
+            try:
+                connection.shutdown(socket.SHUT_RDWR)
+            except OSError:
+                pass # it has ended before
 
     def take(self, body, content_type, rejected):
         if self._messages is None:
