@@ -163,7 +163,9 @@ void JoinTrace() {
     const char* const variable = std::getenv("TRACEPARENT");
     const std::string given = variable == nullptr ? "" : variable;
     if (!given.empty())
+        // [snippet: in]
         Attribute("traceparent", given, MetricsBits::act);
+    // [end]
     const std::string trace = given.size() < 55 ? RandomId() + RandomId() : given.substr(3, 32);
     const std::string sent = "00-" + trace + "-" + RandomId() + "-01";
     Attribute("traceparent.sent", sent, MetricsBits::act);
