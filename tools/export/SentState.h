@@ -22,9 +22,9 @@ public:
     /// collector.
     void Load(const TraceId& run);
 
-    /// The number of the last span, of those that had ended.
+    /// The number of the last span, of those that have one.
     std::uint64_t Spans() const { return m_spans; }
-    /// Those that were sent although they had not.
+    /// Those that have none: they were open at the end, or their trees.
     const std::set<SpanId>& Open() const { return m_open; }
 
     void Add(SpanId id, std::uint64_t number);

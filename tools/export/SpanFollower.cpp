@@ -136,7 +136,7 @@ void SpanFollower::AddLifecycle(const Event& event) {
             StartWaiting(context->tree, event.stamp);
     } else {
         context->closed = event.stamp;
-        End(context, false);
+        End(context);
     }
 }
 
@@ -251,23 +251,23 @@ void SpanFollower::SetAttribute(LiveContext& context, std::string_view name,
 }
 
 /// Yields a context, and what is open in it.
-void SpanFollower::End(const LivePointer& pointer, bool isOpen) {
+void SpanFollower::End(const LivePointer& pointer) {
     const LivePointer context = pointer; // which its own entry does not outlive
     std::erase_if(m_announced, [&](const auto& a) { return a.second == context->id; });
     for (LiveScope& scope : std::exchange(context->open, {}))
-        Yield({SpanKind::Scope, context, std::move(scope), never, isOpen});
+        Yield({SpanKind::Scope, context, std::move(scope), never});
     const bool isClient = context->id == m_client && m_client != 0;
     const bool isEmpty =
         context->scopesBegun == 0 && context->attributes.empty() && context->events.empty();
     if (!isClient || !isEmpty)
-        Yield({SpanKind::Context, context, {}, context->closed, isOpen});
+        Yield({SpanKind::Context, context, {}, context->closed});
     if (!isClient && context->created != never)
-        Yield({SpanKind::Queue, context, {}, context->opened, isOpen});
+        Yield({SpanKind::Queue, context, {}, context->opened});
     if (context->tree->root == context->id)
         context->tree->hasEnded = true;
     if (IsDue(*context->tree))
         Settle(*context->tree);
-    if (isOpen)
+    if (m_isFinishing)
         return;
     m_closed[context->id] = context->tree;
     m_closedOrder.push_back(context->id);
@@ -320,6 +320,7 @@ void SpanFollower::SettleDue() {
 }
 
 void SpanFollower::Finish() {
+    m_isFinishing = true;
     if (!m_ids)
         m_ids.emplace(m_identity);
     for (const std::shared_ptr<Tree>& tree : std::exchange(m_unsettled, {}))
@@ -331,7 +332,7 @@ void SpanFollower::Finish() {
     std::sort(open.begin(), open.end(),
               [](const LivePointer& a, const LivePointer& b) { return a->id < b->id; });
     for (const LivePointer& context : open)
-        End(context, true);
+        End(context);
 }
 
 void SpanFollower::YieldNow(const Ended& ended) {
@@ -385,7 +386,7 @@ void SpanFollower::YieldNow(const Ended& ended) {
         break;
     }
     span.end = std::max(span.start, span.end);
-    m_sink(span, ended.isOpen ? 0 : ++m_number);
+    m_sink(span, m_isFinishing ? 0 : ++m_number);
 }
 
 } // namespace Metrics::tools

@@ -50,7 +50,7 @@ public:
         std::size_t events = 10'000;
     };
 
-    /// @param number counts from 1; 0 for what is open when Finish() is called.
+    /// @param number counts from 1; 0 for what Finish() yields, whose place is not known yet.
     using Sink = std::function<void(const Span& span, std::uint64_t number)>;
 
     /// @param identity of which the process and its start are found in the run.
@@ -59,7 +59,8 @@ public:
 
     void Add(const Event& event);
 
-    /// Yields what is open, until the last stamp. There is nothing more to be added then.
+    /// Yields what was held back, and what is open until the last stamp. There is nothing more to
+    /// be added then.
     void Finish();
 
     /// Complete when the first span is yielded.
@@ -102,7 +103,6 @@ private:
         LivePointer context;
         LiveScope scope = {};
         std::uint64_t end = never; ///< never: it is open
-        bool isOpen = false;       ///< at the end of the run
     };
     /// A root and all below it.
     struct Tree {
@@ -128,7 +128,7 @@ private:
     void AddAttribute(const Event& event);
     bool Announce(const Event& event, const LivePointer& context);
     void SetAttribute(LiveContext& context, std::string_view name, std::string_view value) const;
-    void End(const LivePointer& context, bool isOpen);
+    void End(const LivePointer& context);
     void Yield(Ended ended);
     void YieldNow(const Ended& ended);
     bool IsDue(const Tree& tree) const;
@@ -157,6 +157,7 @@ private:
         bool isLast = false; ///< of that context's attributes
     } m_foreignTid;
     bool m_hasEvents = false;
+    bool m_isFinishing = false;
     std::size_t m_heldUnnamed = 0; ///< spans, while the process is not known
     std::uint64_t m_client = 0;
     std::uint64_t m_last = 0;   ///< the highest stamp
