@@ -288,6 +288,12 @@ public:
         Flush();
     }
 
+    /// Nothing new has come for a while.
+    void SettleAll() {
+        if (m_follower)
+            m_follower->SettleAll();
+    }
+
     /// Hands over what there is.
     bool Flush() {
         if (!m_batch.ids.empty() && !m_isEnding) {
@@ -310,11 +316,10 @@ private:
             m_batch.state =
                 std::make_shared<SentState>(RememberedPath(), TracesUrl(m_options->collector.url));
             m_batch.state->Load(SpanIds(m_batch.run).Run());
-            m_spansBefore = m_batch.state->Spans();
-            m_openBefore = m_batch.state->Open();
+            m_before = *m_batch.state;
             m_perRequest = m_encoder->PerRequest(m_batch.run);
         }
-        if ((number != 0 && number <= m_spansBefore) || m_openBefore.contains(span.id)) {
+        if (m_before->Has(span.id, number)) {
             ++m_sentBefore;
             return;
         }
@@ -341,8 +346,7 @@ private:
     std::optional<SpanFollower> m_follower;
     Batch m_batch;
     std::size_t m_perRequest = 0;
-    std::uint64_t m_spansBefore = 0;
-    std::set<SpanId> m_openBefore;
+    std::optional<SentState> m_before; ///< what it was when this began
     std::uint64_t m_sentBefore = 0;
     bool m_isEnding = false;
 };
@@ -433,6 +437,7 @@ public:
         return m_reader->Read(m_batch) && m_run.Add(m_batch);
     }
 
+    void SettleAll() { m_run.SettleAll(); }
     bool Flush() { return m_run.Flush(); }
     std::uint64_t SentBefore() const { return m_run.SentBefore(); }
 
@@ -491,12 +496,18 @@ SendResult FollowFiles(const SendOptions& options,
     for (const std::string& path : options.paths)
         files.emplace_back(path, options, poster, isStopped);
     Clock::time_point lastFlush = Clock::now();
+    Clock::time_point lastNews = lastFlush;
     bool isIdle = false;
     while (!signals.Wait(milliseconds(isIdle ? 200 : 0)) && !poster.HasFailed()) {
         isIdle = true;
         for (FollowedFile& file : files)
             if (file.Read())
                 isIdle = false;
+        if (!isIdle)
+            lastNews = Clock::now();
+        else if (Clock::now() - lastNews > std::chrono::seconds(1))
+            for (FollowedFile& file : files)
+                file.SettleAll();
         if (isIdle || Clock::now() - lastFlush > std::chrono::seconds(1)) {
             for (FollowedFile& file : files)
                 file.Flush();

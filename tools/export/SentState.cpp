@@ -9,6 +9,7 @@
 #include <charconv>
 #include <cstdio>
 #include <fstream>
+#include <iterator>
 #include <system_error>
 #include <utility>
 
@@ -34,7 +35,7 @@ void SentState::Load(const TraceId& run) {
     m_run.clear();
     AppendHex(m_run, run.high);
     AppendHex(m_run, run.low);
-    m_spans = 0;
+    m_numbers.clear();
     m_open.clear();
     if (m_path.empty())
         return;
@@ -44,9 +45,12 @@ void SentState::Load(const TraceId& run) {
         !collectors->is_object() || !collectors->contains(m_collector))
         return;
     const Json& mine = (*collectors)[m_collector];
-    if (!mine.is_object() || !mine.value("spans", Json()).is_number_unsigned())
+    if (!mine.is_object())
         return;
-    m_spans = mine["spans"].get<std::uint64_t>();
+    for (const Json& row : mine.value("spans", Json::array()))
+        if (row.is_array() && row.size() == 2 && row[0].is_number_unsigned() &&
+            row[1].is_number_unsigned())
+            m_numbers[row[0].get<std::uint64_t>()] = row[1].get<std::uint64_t>();
     for (const Json& item : mine.value("open", Json::array())) {
         const std::string text = item.is_string() ? item.get<std::string>() : std::string();
         SpanId id = 0;
@@ -55,10 +59,30 @@ void SentState::Load(const TraceId& run) {
     }
 }
 
+bool SentState::Has(SpanId id, std::uint64_t number) const {
+    if (m_open.contains(id))
+        return true;
+    const auto behind = m_numbers.upper_bound(number);
+    return behind != m_numbers.begin() && number <= std::prev(behind)->second;
+}
+
 void SentState::Add(SpanId id, std::uint64_t number) {
-    if (number == 0)
+    if (number == 0) {
         m_open.insert(id);
-    m_spans = std::max(m_spans, number);
+        return;
+    }
+    const auto behind = m_numbers.upper_bound(number);
+    auto row = behind;
+    if (behind != m_numbers.begin() && std::prev(behind)->second + 1 >= number) {
+        row = std::prev(behind);
+        row->second = std::max(row->second, number);
+    } else {
+        row = m_numbers.emplace_hint(behind, number, number);
+    }
+    if (behind != m_numbers.end() && row->second + 1 >= behind->first) {
+        row->second = behind->second;
+        m_numbers.erase(behind);
+    }
 }
 
 std::string SentState::Save() const {
@@ -73,7 +97,10 @@ std::string SentState::Save() const {
         AppendHex(text, id);
         open.push_back(std::move(text));
     }
-    json["collectors"][m_collector] = {{"spans", m_spans}, {"open", std::move(open)}};
+    Json rows = Json::array();
+    for (const auto& [first, last] : m_numbers)
+        rows.push_back(Json::array({first, last}));
+    json["collectors"][m_collector] = {{"spans", std::move(rows)}, {"open", std::move(open)}};
     const std::string fresh = m_path + ".new";
     errno = 0;
     {

@@ -4,6 +4,7 @@
 #include "Identity.h"
 
 #include <cstdint>
+#include <map>
 #include <set>
 #include <string>
 
@@ -22,10 +23,8 @@ public:
     /// collector.
     void Load(const TraceId& run);
 
-    /// The number of the last span, of those that have one.
-    std::uint64_t Spans() const { return m_spans; }
-    /// Those that have none: they were open at the end, or their trees.
-    const std::set<SpanId>& Open() const { return m_open; }
+    /// @param number of the span; 0 where it had none, since it had not ended.
+    bool Has(SpanId id, std::uint64_t number) const;
 
     void Add(SpanId id, std::uint64_t number);
 
@@ -36,8 +35,9 @@ private:
     std::string m_path;
     std::string m_collector;
     std::string m_run;
-    std::uint64_t m_spans = 0;
-    std::set<SpanId> m_open;
+    std::map<std::uint64_t, std::uint64_t>
+        m_numbers;           ///< the first and the last of each row of them
+    std::set<SpanId> m_open; ///< sent without a number
 };
 
 } // namespace Metrics::tools

@@ -279,6 +279,7 @@ void SpanFollower::End(const LivePointer& pointer) {
 }
 
 void SpanFollower::Yield(Ended ended) {
+    ended.number = m_isFinishing ? 0 : ++m_number;
     Tree& tree = *ended.context->tree;
     if (!tree.isSettled && IsDue(tree))
         Settle(tree);
@@ -319,13 +320,21 @@ void SpanFollower::SettleDue() {
     }
 }
 
+void SpanFollower::SettleAll() {
+    if (!m_ids)
+        return;
+    for (const std::shared_ptr<Tree>& tree : std::exchange(m_unsettled, {}))
+        if (!tree->isSettled && !tree->held.empty())
+            Settle(*tree);
+        else if (!tree->isSettled)
+            m_unsettled.push_back(tree);
+}
+
 void SpanFollower::Finish() {
     m_isFinishing = true;
     if (!m_ids)
         m_ids.emplace(m_identity);
-    for (const std::shared_ptr<Tree>& tree : std::exchange(m_unsettled, {}))
-        if (!tree->isSettled)
-            Settle(*tree);
+    SettleAll();
     std::vector<LivePointer> open;
     for (const auto& [id, context] : m_live)
         open.push_back(context);
@@ -386,7 +395,7 @@ void SpanFollower::YieldNow(const Ended& ended) {
         break;
     }
     span.end = std::max(span.start, span.end);
-    m_sink(span, m_isFinishing ? 0 : ++m_number);
+    m_sink(span, ended.number);
 }
 
 } // namespace Metrics::tools

@@ -50,7 +50,7 @@ public:
         std::size_t events = 10'000;
     };
 
-    /// @param number counts from 1; 0 for what Finish() yields, whose place is not known yet.
+    /// @param number counts from 1; 0 for what has not ended when Finish() is called.
     using Sink = std::function<void(const Span& span, std::uint64_t number)>;
 
     /// @param identity of which the process and its start are found in the run.
@@ -59,7 +59,10 @@ public:
 
     void Add(const Event& event);
 
-    /// Yields what was held back, and what is open until the last stamp. There is nothing more to
+    /// Yields what is held back: the file has nothing new for now, and may have nothing for long.
+    void SettleAll();
+
+    /// Yields what is held back, and what is open until the last stamp. There is nothing more to
     /// be added then.
     void Finish();
 
@@ -103,6 +106,7 @@ private:
         LivePointer context;
         LiveScope scope = {};
         std::uint64_t end = never; ///< never: it is open
+        std::uint64_t number = 0;
     };
     /// A root and all below it.
     struct Tree {
@@ -161,7 +165,7 @@ private:
     std::size_t m_heldUnnamed = 0; ///< spans, while the process is not known
     std::uint64_t m_client = 0;
     std::uint64_t m_last = 0;   ///< the highest stamp
-    std::uint64_t m_number = 0; ///< of the span that was yielded last
+    std::uint64_t m_number = 0; ///< of the span that ended last
     std::vector<SpanAttribute> m_attributes;
     std::vector<SpanEvent> m_events;
 };

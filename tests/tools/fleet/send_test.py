@@ -220,11 +220,20 @@ with open("growing.csv", "w") as file:
     assert names(collector.spans) + [] == sorted(set(names(converted("growing.csv"))) & set(names(collector.spans)))
     assert len(collector.spans) == 3 * 50
 
+    # What has ended is sent though its root goes on and the file pauses.
+    file.write("".join(request(20_000_000, 2_000, (5, "early", 0), (6, "early", 0)).splitlines(True)[:-2]))
+    file.flush()
+    collector.wait_for(lambda c: c.spans[-1]["name"] == "early")
+    file.write("".join(request(20_000_000, 2_000).splitlines(True)[-2:]))
+    file.flush()
+    collector.wait_for(lambda c: len(c.spans) >= 3 * 51 + 1)
+    assert len(set(names(collector.spans))) == len(collector.spans) == 3 * 51 + 1
+
 with open("growing.csv", "w") as file: # the program was started again
     file.write((HEADER + CLIENT + request(500, 2)).replace("17000", "17100"))
-collector.wait_for(lambda c: len(c.spans) >= 3 * 51)
+collector.wait_for(lambda c: len(c.spans) >= 3 * 52 + 1)
 result, said = end(process)
-assert process.returncode == 0 and result["spans"] >= 3 * 51, (result, said)
+assert process.returncode == 0 and result["spans"] >= 3 * 52 + 1, (result, said)
 assert send(f"http://127.0.0.1:{port}", path="growing.csv")[0] == {
     "runs": 1, "spans": 0, "sent_before": 3, "rejected": 0, "requests": 0}
 
