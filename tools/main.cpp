@@ -198,6 +198,7 @@ int RunTop(const Options& options, double seconds, std::uint64_t times) {
     const std::unique_ptr<Reader> reader = OpenCsv(options.files.front(), true);
     EventBatch batch;
     TopFollower follower;
+    Top shown;
     LiveScreen screen(!options.asJson);
     for (std::uint64_t i = 0; times == 0 || i < times; ++i) {
         if (i > 0 && !screen.Wait(seconds))
@@ -205,14 +206,16 @@ int RunTop(const Options& options, double seconds, std::uint64_t times) {
         while (reader->Read(batch))
             for (const Event& event : batch.events)
                 follower.Add(event);
-        const Top top = follower.Take();
+        Top top = follower.Take();
         if (options.asJson) {
             std::cout << ToJson(top).dump(-1, ' ', false, Json::error_handler_t::replace)
                       << std::endl;
         } else {
             Style style = MakeStyle(options);
             style.mostRows = 10;
-            screen.Show([&](std::ostream& out) { PrintText(out, top, style); });
+            if (top.events > 0 || i == 0) // otherwise what was last known stays
+                shown = std::move(top);
+            screen.Show([&](std::ostream& out) { PrintText(out, shown, style); });
         }
         if (!std::cout)
             return failed;
