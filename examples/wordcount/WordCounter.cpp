@@ -150,6 +150,7 @@ Totals CountFile(Job& job, Progress& progress) {
     }
 } // the context closes, on the thread that opened it
 
+// NOLINTBEGIN(concurrency-mt-unsafe): the environment changes before there is a second thread
 // [snippet: traceparent]
 std::string RandomId() {
     std::random_device random;
@@ -172,6 +173,7 @@ void JoinTrace() {
     setenv("TRACEPARENT", sent.c_str(), 1);
 }
 // [end]
+// NOLINTEND(concurrency-mt-unsafe)
 
 } // namespace
 
@@ -212,6 +214,7 @@ Totals CountWords(const std::vector<fs::path>& paths, const std::string& command
     totals.isComplete = progress.Problems() == 0;
     if (!command.empty()) {
         const Scope scope("command", MetricsBits::act);
+        // The workers have ended. NOLINTNEXTLINE(concurrency-mt-unsafe)
         totals.isComplete = std::system(command.c_str()) == 0 && totals.isComplete;
     }
     return totals;

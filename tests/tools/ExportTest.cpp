@@ -182,8 +182,15 @@ std::string RandomRun(unsigned seed) {
             one.isOpened = true;
             if (random() % 8 == 0)
                 continue; // perhaps it is never used
-            recording.Use(now, one.id, "context", 10 + random() % 3);
-            one.scopes.emplace_back("context");
+            // It may be used first where another one is current, which then has its own scope.
+            Live& current = random() % 3 == 0 ? live[random() % live.size()] : one;
+            if (!current.isOpened)
+                continue;
+            recording.Event(now, current.id, 8, "pid", 4000);
+            recording.Event(now, current.id, 8, "tid", 10 + random() % 3);
+            recording.Event(now, current.id, 8, "cid", one.id);
+            recording.Begin(now, current.id, "context");
+            current.scopes.emplace_back("context");
             if (random() % 4 == 0)
                 recording.Line(recording.Head(now, one.id, 8) + "traceparent," + given);
         } else if (choice < 5) {

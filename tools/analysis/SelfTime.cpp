@@ -72,8 +72,7 @@ std::vector<std::uint64_t> SelfTimes(const Run& run) {
     return self;
 }
 
-std::uint64_t SelfTime(const Run& run, Index index) {
-    const Context& context = run.contexts[index];
+std::uint64_t SelfTime(const Run& run, const Context& context) {
     std::vector<Piece> pieces; // that nothing but the context is around
     for (const Scope& scope : run.ScopesOf(context))
         if (scope.IsWhole() && NearestWhole(run, scope.parent) == none)

@@ -124,7 +124,7 @@ private:
                 context = span.piece;
                 owner = none;
             }
-            if (!isWanted[context] || span.start > to || span.end < from)
+            if (isWanted[context] == 0 || span.start > to || span.end < from)
                 return;
             const auto index = static_cast<Index>(slices.size());
             if (span.kind == SpanKind::Context) {
@@ -270,9 +270,9 @@ std::vector<std::vector<char>> FindWanted(const Model& model, const ChromeOption
     std::vector<Request> requests;
     for (std::size_t r = 0; r < model.runs.size(); ++r) {
         const Run& run = model.runs[r];
-        wanted.emplace_back(run.contexts.size(), !options.root && !options.slowest);
+        wanted.emplace_back(run.contexts.size(), options.root || options.slowest ? 0 : 1);
         for (Index i = 0; options.root && i < run.contexts.size(); ++i)
-            wanted[r][i] = run.contexts[i].id == *options.root;
+            wanted[r][i] = run.contexts[i].id == *options.root ? 1 : 0;
         if (options.slowest)
             for (const Index i : Requests(model, run))
                 if (run.contexts[i].IsWhole())
@@ -291,7 +291,10 @@ std::vector<std::vector<char>> FindWanted(const Model& model, const ChromeOption
         for (std::size_t r = 0; r < model.runs.size(); ++r) {
             const std::vector<Index> roots = Roots(model.runs[r]);
             for (Index i = 0; i < roots.size(); ++i)
-                wanted[r][i] = slow[r][roots[i]] != 0 && (!options.root || wanted[r][i] != 0);
+                if (slow[r][roots[i]] == 0)
+                    wanted[r][i] = 0;
+                else if (!options.root)
+                    wanted[r][i] = 1;
         }
     }
     for (std::size_t r = 0; options.root && r < model.runs.size(); ++r) {

@@ -49,6 +49,7 @@ std::optional<TraceParent> ParseTraceParent(std::string_view text) {
 RunIdentity Identify(const std::string& path, std::int64_t pid, std::int64_t start,
                      const std::string& service, const std::string& host) {
     RunIdentity identity{service, host, pid, start};
+    // There is no other thread that changes it. NOLINTNEXTLINE(concurrency-mt-unsafe)
     const char* const variable = std::getenv("OTEL_SERVICE_NAME");
     if (identity.service.empty() && variable != nullptr)
         identity.service = variable;

@@ -28,7 +28,7 @@ Json ReadObject(const std::string& path) {
 
 } // namespace
 
-SentState::SentState(std::string path, std::string collector)
+SentState::SentState(const std::string& path, std::string collector)
     : m_path(path.empty() ? path : path + ".sent"), m_collector(std::move(collector)) {}
 
 void SentState::Load(const TraceId& run) {

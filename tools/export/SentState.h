@@ -17,7 +17,7 @@ namespace Metrics::tools {
 class SentState {
 public:
     /// @param path of the run; empty for one that has no file, of which nothing is remembered.
-    SentState(std::string path, std::string collector);
+    SentState(const std::string& path, std::string collector);
 
     /// Reads what is there. Nothing counts as sent when that is of another run or another
     /// collector.

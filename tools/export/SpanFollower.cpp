@@ -251,8 +251,7 @@ void SpanFollower::SetAttribute(LiveContext& context, std::string_view name,
 }
 
 /// Yields a context, and what is open in it.
-void SpanFollower::End(const LivePointer& pointer) {
-    const LivePointer context = pointer; // which its own entry does not outlive
+void SpanFollower::End(const LivePointer& context) {
     std::erase_if(m_announced, [&](const auto& a) { return a.second == context->id; });
     for (LiveScope& scope : std::exchange(context->open, {}))
         Yield({SpanKind::Scope, context, std::move(scope), never});

@@ -101,9 +101,10 @@ private:
         AppendWall(out, run, span.start, span.hasStart);
         AppendWall(out, run, span.end, span.hasEnd);
         if (span.hasStart && span.hasEnd)
-            AppendNumber(out, span.kind == SpanKind::Scope     ? self[span.piece]
-                              : span.kind == SpanKind::Context ? SelfTime(run, span.piece)
-                                                               : Between(span.start, span.end));
+            AppendNumber(out, span.kind == SpanKind::Scope ? self[span.piece]
+                              : span.kind == SpanKind::Context
+                                  ? SelfTime(run, run.contexts[span.piece])
+                                  : Between(span.start, span.end));
         m_json = "{";
         for (const SpanAttribute& attribute : span.attributes) {
             m_json += m_json.size() > 1 ? "," : "";
