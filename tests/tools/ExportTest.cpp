@@ -335,6 +335,8 @@ TEST(Export, NestsSlicesOnEachThread) {
         }
         for (const auto& [thread, stack] : open)
             EXPECT_TRUE(stack.empty());
+        for (const auto& [id, stack] : tracks)
+            EXPECT_TRUE(stack.empty());
         for (const auto& [id, ends] : arrows)
             EXPECT_EQ(ends, 11) << id;
         std::multiset<std::string> wanted;

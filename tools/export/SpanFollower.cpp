@@ -35,6 +35,11 @@ SpanFollower::SpanFollower(RunIdentity identity, Limits limits, HeadersByContext
     m_identity.pid = noThread;
 }
 
+SpanFollower::~SpanFollower() {
+    for (const std::shared_ptr<Tree>& tree : m_unsettled) // those that hold anything
+        tree->held.clear();
+}
+
 void SpanFollower::Add(const Event& event) {
     if (!m_hasEvents) {
         m_identity.start =

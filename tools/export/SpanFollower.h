@@ -56,6 +56,9 @@ public:
     /// @param identity of which the process and its start are found in the run.
     /// @param known headers of roots, as far as they were looked up beforehand.
     SpanFollower(RunIdentity identity, Limits limits, HeadersByContext known, Sink sink);
+    ~SpanFollower();
+    SpanFollower(const SpanFollower&) = delete;
+    SpanFollower& operator=(const SpanFollower&) = delete;
 
     void Add(const Event& event);
 
@@ -117,7 +120,7 @@ private:
         bool hasEnded = false; ///< the root
         bool isSettled = false;
         TreeIdentity identity;
-        std::vector<Ended> held;
+        std::vector<Ended> held; ///< whose contexts keep this tree
     };
 
     LivePointer FindOrAdd(std::uint64_t id, std::uint64_t stamp);
