@@ -54,7 +54,8 @@ RunIdentity Identify(const std::string& path, std::int64_t pid, std::int64_t sta
     if (identity.service.empty() && variable != nullptr)
         identity.service = variable;
     if (identity.service.empty())
-        identity.service = path == "-" ? "-" : std::filesystem::path(path).stem().string();
+        identity.service =
+            path == "-" ? "unknown_service" : std::filesystem::path(path).stem().string();
     if (identity.host.empty()) {
         std::array<char, 256> name{};
         gethostname(name.data(), name.size() - 1);
