@@ -193,18 +193,20 @@ def names(spans):
 collector = Collector().__enter__()
 port = collector.port
 process = follow("growing.csv", collector.url)
-text = HEADER + CLIENT + "".join(request(i * 2_000, i + 2) for i in range(300))
+text = HEADER + CLIENT + "".join(request(i * 2_000, i + 2) for i in range(150))
 with open("growing.csv", "w") as file:
-    for begin in range(0, len(text) // 2, 20_011):
-        file.write(text[begin:min(begin + 20_011, len(text) // 2)])
+    for begin in range(0, len(text), 20_011):
+        file.write(text[begin:begin + 20_011])
         file.flush()
-        collector.wait_for(lambda c: process.poll() is None)
-    collector.wait_for(lambda c: len(c.spans) >= 3 * 100)
+        whole = text[:begin + 20_011].rsplit("\n", 1)[0].count(",4,0,")
+        collector.wait_for(lambda c: len(c.spans) >= 3 * whole)
+    # It knows what it has sent: no request is under way.
+    collector.wait_for(lambda c: f"[[1,{3 * 150}]]" in pathlib.Path("growing.csv.sent").read_text())
     process.kill()
     process.wait()
     process = follow("growing.csv", collector.url)
     collector.script = ["503", "close"]
-    file.write(text[len(text) // 2:])
+    file.write("".join(request(i * 2_000, i + 2) for i in range(150, 300)))
     file.flush()
     collector.wait_for(lambda c: len(c.spans) >= 3 * 300)
     assert names(collector.spans) == names(converted("growing.csv")), "repeated, or missing"
