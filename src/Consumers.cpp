@@ -189,7 +189,9 @@ void ConsumerList::FreeKept(std::uint32_t removal) {
         const korsys::MutexLock lock(m_lock);
         for (Consumer** place = &m_kept; *place != nullptr;) {
             Consumer* const kept = *place;
-            if (static_cast<std::int32_t>(kept->removal - removal) > 0) {
+            // Acquire: the end of the call.
+            if (static_cast<std::int32_t>(kept->removal - removal) > 0 ||
+                kept->isHeld.load(std::memory_order_acquire)) {
                 place = &kept->nextKept;
                 continue;
             }
@@ -202,20 +204,44 @@ void ConsumerList::FreeKept(std::uint32_t removal) {
         delete std::exchange(freed, freed->nextKept);
 }
 
+void ConsumerList::FreeKept(const Consumer* consumer, std::uint32_t registration) {
+    std::unique_ptr<Consumer> freed; // destroyed behind the lock
+    const korsys::MutexLock lock(m_lock);
+    for (Consumer** place = &m_kept; *place != nullptr; place = &(*place)->nextKept) {
+        if (*place == consumer && consumer->registration == registration) {
+            freed.reset(std::exchange(*place, consumer->nextKept));
+            return;
+        }
+    }
+}
+
 void ConsumerList::ResetLock() noexcept {
     ::new (&m_lock) korsys::Mutex;
 }
 
 // Registrations --------------------------------------------------------------------------------
 
-bool Consumers::WaitForCalls(const ConsumerList& list, Deadline deadline) const noexcept {
+bool Consumers::WaitForCalls(const ConsumerList& list, const Consumer* removed,
+                             Deadline deadline) const noexcept {
     if (&list == &m_synchronous)
         return s_threads.WaitForCalls(deadline);
-    if (t_thread.isDeliveryThread) // which is between two calls, or it would be refused
-        return true;
-    const std::uint32_t seen = m_delivery.section.Read();
-    return !Section::IsInside(seen) ||
-           PollUntil(deadline, [this, seen] { return m_delivery.section.Read() != seen; });
+    // Oldest first: whoever deposes a thread is inside before that one is seen to be deposed.
+    for (const DeliveryCalls* turn = &m_firstTurn; turn != nullptr;
+         turn = turn->next.load(std::memory_order_acquire)) {
+        const std::uint32_t seen = turn->section.Read();
+        const bool isOwn =
+            t_thread.isDeliveryThread && turn == m_turn.load(std::memory_order_relaxed);
+        // The delivery thread itself is between two calls, or it would be refused.
+        if (!Section::IsInside(seen) || isOwn)
+            continue;
+        const auto isOver = [turn, seen, removed] {
+            return turn->section.Read() != seen ||
+                   (turn->IsDeposed() && turn->consumer != removed); // it calls nobody else
+        };
+        if (!PollUntil(deadline, isOver))
+            return false;
+    }
+    return true;
 }
 
 Consumers::Removed Consumers::RemoveUntil(const IMetricsListener* listener, Deadline deadline) {
@@ -225,7 +251,7 @@ Consumers::Removed Consumers::RemoveUntil(const IMetricsListener* listener, Dead
             continue;
         const std::uint32_t removal = removed->removal;
         list->Keep(removed);
-        if (!WaitForCalls(*list, deadline))
+        if (!WaitForCalls(*list, removed, deadline))
             return Removed::StillCalled;
         list->FreeKept(removal);
         return Removed::Yes;
@@ -247,7 +273,7 @@ void Consumers::ReleaseAll(Deadline deadline) noexcept {
         while (Consumer* const removed = list->Remove(nullptr))
             list->Keep(removed);
         const std::uint32_t removal = list->Removals();
-        if (WaitForCalls(*list, deadline))
+        if (WaitForCalls(*list, nullptr, deadline))
             list->FreeKept(removal);
     }
 }
@@ -260,9 +286,8 @@ void Consumers::ResetLocks() noexcept {
 // Calls ----------------------------------------------------------------------------------------
 
 template <class Call>
-void Consumers::CallEach(const ConsumerList& list, const MetricsEvent& event, pid_t emitter,
-                         Call call) {
-    for (Consumer* consumer = list.First(); consumer != nullptr;
+bool Consumers::CallEach(Consumer* first, const MetricsEvent& event, pid_t emitter, Call call) {
+    for (Consumer* consumer = first; consumer != nullptr;
          // Sequentially consistent, as First.
          consumer = consumer->next.load(std::memory_order_seq_cst)) {
         IMetricsListener* const listener = consumer->listener.Get(); // the section keeps it alive
@@ -270,10 +295,10 @@ void Consumers::CallEach(const ConsumerList& list, const MetricsEvent& event, pi
             consumer->isSetAside.load(std::memory_order_relaxed))
             continue;
         const FrameGuard frame(listener, emitter);
-        call(*consumer);
-        if (InForkedChild())
-            return;
+        if (!call(*consumer) || InForkedChild())
+            return false;
     }
+    return true;
 }
 
 namespace {
@@ -343,7 +368,7 @@ void Consumers::CallSynchronousBy(ThreadRecord& record, const MetricsEvent& even
                                   std::uint64_t start, Call call) {
     const korsys::NoCancellation noCancellation; // scopes emit from their destructors
     const SectionGuard guard(record.calls);
-    CallEach(m_synchronous, event, record.owner.load(std::memory_order_relaxed),
+    CallEach(m_synchronous.First(), event, record.owner.load(std::memory_order_relaxed),
              [&](Consumer& consumer) {
                  const auto count = [&](bool hasThrown) {
                      const std::uint64_t now = StampClock::Ticks();
@@ -357,6 +382,7 @@ void Consumers::CallSynchronousBy(ThreadRecord& record, const MetricsEvent& even
                      count(true);
                      throw;
                  }
+                 return true;
              });
 }
 
@@ -376,8 +402,8 @@ void Consumers::CallSynchronousQuietly(ThreadRecord& record, const MetricsEvent&
 
 // The delivery thread's calls ------------------------------------------------------------------
 
-Consumers::Calls::Calls(Consumers& consumers) noexcept
-    : m_consumers(consumers), m_now(consumers.m_delivery), m_start(StampClock::Ticks()) {
+Consumers::Calls::Calls(Consumers& consumers, DeliveryCalls& turn) noexcept
+    : m_consumers(consumers), m_now(turn), m_start(StampClock::Ticks()) {
     m_now.since.store(m_start, std::memory_order_relaxed);
     Enter();
 }
@@ -390,7 +416,14 @@ void Consumers::Calls::Enter() noexcept {
         m_run = 0; // whoever was called last may have gone
 }
 
+void Consumers::Calls::Pause() noexcept {
+    if (m_open != nullptr)
+        std::exchange(m_open, nullptr)->OnPause();
+}
+
 void Consumers::Calls::Leave() noexcept {
+    if (!InForkedChild())
+        Pause();
     if (std::exchange(m_isInside, false))
         m_now.section.Leave();
 }
@@ -420,31 +453,57 @@ void Consumers::Calls::Account() noexcept {
     m_now.since.store(now, std::memory_order_relaxed);
 }
 
-void Consumers::Calls::CallOne(Consumer& consumer, const MetricsEvent& event) {
+bool Consumers::Calls::CallOne(Consumer& consumer, const MetricsEvent& event, pid_t emitter) {
     if (m_timed != &consumer) {
+        Pause(); // the one that was called last
         if (m_run != 0)
             Account();
         m_timed = &consumer;
         m_usual = 0;
         m_runEnd = 1;
     }
+    const std::uint64_t limit = std::uint64_t{consumer.options.maxCallMilliseconds} * 1'000'000;
+    if (limit != 0) {
+        m_now.limit.store(limit, std::memory_order_relaxed);
+        m_now.consumer = &consumer;
+        m_now.event = &event;
+        m_now.emitter = emitter;
+        // Release: these, for the one who deposes this thread.
+        m_now.watched.store(++m_now.number, std::memory_order_release);
+    }
     m_now.at.store(&consumer, std::memory_order_relaxed);
     const bool hasThrown = CallQuietly(consumer, event);
     m_now.at.store(nullptr, std::memory_order_relaxed);
+    m_open = consumer.batch;
+    std::uint64_t watched = m_now.number;
+    const bool isDeposed = limit != 0 && !InForkedChild() &&
+                           !m_now.watched.compare_exchange_strong(
+                               watched, DeliveryCalls::notWatched, std::memory_order_acq_rel);
     Count(consumer.calls);
     if (hasThrown) [[unlikely]]
         Count(consumer.exceptions);
     const std::uint64_t start = m_start;
     ++m_run;
-    if (m_run >= m_runEnd || consumer.options.maxCallMilliseconds != 0)
+    if (m_run >= m_runEnd || limit != 0)
         Account();
-    consumer.Judge(hasThrown, m_start - start);
+    consumer.Judge(hasThrown, limit != 0 ? m_start - start : 0);
+    return !isDeposed;
 }
 
-void Consumers::Calls::Call(const MetricsEvent& event, pid_t emitter) {
+bool Consumers::Calls::CallFrom(Consumer* first, const MetricsEvent& event, pid_t emitter) {
+    return CallEach(first, event, emitter, [this, &event, emitter](Consumer& consumer) {
+        return CallOne(consumer, event, emitter);
+    });
+}
+
+bool Consumers::Calls::Call(const MetricsEvent& event, pid_t emitter) {
     LetRemovalsGoOn();
-    CallEach(m_consumers.m_asynchronous, event, emitter,
-             [this, &event](Consumer& consumer) { CallOne(consumer, event); });
+    return CallFrom(m_consumers.m_asynchronous.First(), event, emitter);
+}
+
+bool Consumers::Calls::CallBehind(const DeliveryCalls& other) {
+    return CallFrom(other.consumer->next.load(std::memory_order_seq_cst), *other.event,
+                    other.emitter);
 }
 
 void Consumers::Calls::EndBatch() noexcept {
@@ -460,6 +519,44 @@ void Consumers::Calls::EndBatch() noexcept {
         consumer->batch->OnBatchEnd();
         m_now.at.store(nullptr, std::memory_order_relaxed);
     }
+    m_open = nullptr;
+}
+
+// A second delivery thread ---------------------------------------------------------------------
+
+void Consumers::AddTurn(DeliveryCalls& turn) noexcept {
+    DeliveryCalls* last = &m_firstTurn;
+    while (DeliveryCalls* const next = last->next.load(std::memory_order_relaxed))
+        last = next;
+    last->next.store(&turn, std::memory_order_release);
+}
+
+bool Consumers::Depose(DeliveryCalls& other, DeliveryCalls& own) noexcept {
+    std::uint64_t watched = other.watched.load(std::memory_order_relaxed);
+    if (watched == DeliveryCalls::notWatched || watched == DeliveryCalls::deposed ||
+        StampClock::Ticks() - other.since.load(std::memory_order_relaxed) <=
+            other.limit.load(std::memory_order_relaxed))
+        return false;
+    // Inside before the other one is deposed: whoever waits for a removal finds one of them.
+    own.section.Enter();
+    if (!other.watched.compare_exchange_strong(watched, DeliveryCalls::deposed,
+                                               std::memory_order_seq_cst)) {
+        own.section.Leave();
+        return false;
+    }
+    other.consumer->isHeld.store(true, std::memory_order_relaxed);
+    other.consumer->SetAside();
+    m_turn.store(&own, std::memory_order_release);
+    return true;
+}
+
+void Consumers::LeaveDeposed(DeliveryCalls& turn) noexcept {
+    Consumer* const consumer = turn.consumer;
+    const std::uint32_t registration = consumer->registration;
+    // Release: the end of the call, for who frees it.
+    consumer->isHeld.store(false, std::memory_order_release);
+    turn.section.Leave();
+    m_asynchronous.FreeKept(consumer, registration);
 }
 
 // Figures --------------------------------------------------------------------------------------
@@ -470,10 +567,11 @@ void Consumers::Describe(std::vector<MetricsConsumerStatistics>& to) const {
 }
 
 std::string Consumers::NowCalled(std::uint64_t& nanoseconds) const {
-    const Consumer* const at = m_delivery.at.load(std::memory_order_relaxed);
+    const DeliveryCalls& turn = *m_turn.load(std::memory_order_acquire);
+    const Consumer* const at = turn.at.load(std::memory_order_relaxed);
     std::string name = at == nullptr ? std::string() : m_asynchronous.NameOf(at);
     nanoseconds =
-        name.empty() ? 0 : StampClock::Ticks() - m_delivery.since.load(std::memory_order_relaxed);
+        name.empty() ? 0 : StampClock::Ticks() - turn.since.load(std::memory_order_relaxed);
     return name;
 }
 

@@ -42,6 +42,7 @@ struct Consumer {
     // Written by whoever calls it, where something goes wrong.
     std::atomic<std::uint32_t> exceptionsInRow{0};
     std::atomic<bool> isSetAside{false};
+    std::atomic<bool> isHeld{false}; // a deposed delivery thread is inside of it
 
     /// @throws std::bad_alloc
     Consumer(std::uint64_t b, MetricsListenerPtr&& l, const MetricsConsumerOptions& o);
@@ -97,6 +98,8 @@ public:
     void Keep(Consumer* removed) KORSYS_EXCLUDES(m_lock);
     /// Nobody stands any more on what was taken out up to this removal: frees those that were kept.
     void FreeKept(std::uint32_t removal) KORSYS_EXCLUDES(m_lock);
+    /// Frees this one if it is kept; it may be gone.
+    void FreeKept(const Consumer* consumer, std::uint32_t registration) KORSYS_EXCLUDES(m_lock);
 
     /// In a forked child.
     void ResetLock() noexcept;
@@ -110,11 +113,31 @@ private:
     Consumer* m_kept KORSYS_GUARDED_BY(m_lock) = nullptr;
 };
 
-/// What one delivery thread is doing with the asynchronous consumers; others may look.
+/// What one delivery thread is doing with the asynchronous consumers. Usually there is one thread.
+/// When it does not come back from a call of a consumer with a time limit, a second one deposes it,
+/// and goes on behind that call: with the consumers that follow, and then with the next event. The
+/// deposed one comes back some day, finds itself deposed, and touches nothing any more.
 struct DeliveryCalls {
     Section section;                          // it is calling them
     std::atomic<const Consumer*> at{nullptr}; // this one; relaxed, a hint
     std::atomic<std::uint64_t> since{0};      // ticks, not before those of 16 calls ago
+
+    // A call that another thread watches: its number, or one of the two below.
+    static constexpr std::uint64_t notWatched = 0;
+    static constexpr std::uint64_t deposed = ~std::uint64_t{0};
+    std::atomic<std::uint64_t> watched{notWatched};
+    std::atomic<std::uint64_t> limit{0}; // ns that it may take; relaxed, a hint
+
+    // Of the watched call; read by the one who has deposed its thread.
+    std::uint64_t number = 0;
+    Consumer* consumer = nullptr;
+    const MetricsEvent* event = nullptr;
+    pid_t emitter = 0;
+
+    std::atomic<bool> isEventFree{false}; // deposed: the other one has done with the event
+    std::atomic<DeliveryCalls*> next{nullptr};
+
+    bool IsDeposed() const noexcept { return watched.load(std::memory_order_acquire) == deposed; }
 };
 
 /// Who is called, and by whom. Emitters share nothing here: no emitter waits for a registration,
@@ -164,13 +187,16 @@ public:
     /// locked instruction for each, and leaves it for a moment when a registration has ended.
     class Calls {
     public:
-        explicit Calls(Consumers& consumers) noexcept;
+        Calls(Consumers& consumers, DeliveryCalls& turn) noexcept;
         ~Calls() { Leave(); }
         Calls(const Calls&) = delete;
         Calls& operator=(const Calls&) = delete;
 
         /// Calls the asynchronous consumers; what they throw is dropped.
-        void Call(const MetricsEvent& event, pid_t emitter);
+        /// @return false when this thread was deposed in one of them.
+        bool Call(const MetricsEvent& event, pid_t emitter);
+        /// The same for the consumers behind the one in which another thread was deposed.
+        bool CallBehind(const DeliveryCalls& other);
         /// Tells those who gather events that no more come for the time being.
         void EndBatch() noexcept;
 
@@ -180,13 +206,16 @@ public:
 
     private:
         void LetRemovalsGoOn() noexcept;
-        void CallOne(Consumer& consumer, const MetricsEvent& event);
+        void Pause() noexcept;
+        bool CallFrom(Consumer* first, const MetricsEvent& event, pid_t emitter);
+        bool CallOne(Consumer& consumer, const MetricsEvent& event, pid_t emitter);
         void Account() noexcept;
 
         Consumers& m_consumers;
         DeliveryCalls& m_now;
         bool m_isInside = false;
         std::uint32_t m_removals = 0;
+        BatchListener* m_open = nullptr; // to be told of a pause
 
         // The time of short calls is taken a few at once: to read the clock takes longer than they.
         static constexpr std::uint64_t runLength = 16;
@@ -198,6 +227,15 @@ public:
         std::uint64_t m_start = 0;  // ticks
     };
 
+    /// The first delivery thread's, and those that follow.
+    DeliveryCalls& FirstTurn() noexcept { return m_firstTurn; }
+    void AddTurn(DeliveryCalls& turn) noexcept;
+    DeliveryCalls& PresentTurn() noexcept { return *m_turn.load(std::memory_order_acquire); }
+    /// Deposes a delivery thread whose watched call takes too long; the caller goes on in its turn.
+    bool Depose(DeliveryCalls& other, DeliveryCalls& own) noexcept;
+    /// The deposed thread has come back: lets the consumer go in which it was.
+    void LeaveDeposed(DeliveryCalls& turn) noexcept;
+
     /// Ends all registrations, waits for the synchronous calls in progress, and lets the consumers
     /// go. Past the deadline those of the synchronous ones are kept.
     void ReleaseAll(Deadline deadline) noexcept;
@@ -206,17 +244,19 @@ public:
     void ResetLocks() noexcept;
 
 private:
+    /// Calls `call` with each consumer from this one on that the event is for, until one says no.
     template <class Call>
-    static void CallEach(const ConsumerList& list, const MetricsEvent& event, pid_t emitter,
-                         Call call);
+    static bool CallEach(Consumer* first, const MetricsEvent& event, pid_t emitter, Call call);
     template <class Call>
     void CallSynchronousBy(ThreadRecord& record, const MetricsEvent& event, std::uint64_t start,
                            Call call);
-    bool WaitForCalls(const ConsumerList& list, Deadline deadline) const noexcept;
+    bool WaitForCalls(const ConsumerList& list, const Consumer* removed,
+                      Deadline deadline) const noexcept;
 
     ConsumerList m_synchronous;
     ConsumerList m_asynchronous;
-    DeliveryCalls m_delivery;
+    DeliveryCalls m_firstTurn;                        // oldest first
+    std::atomic<DeliveryCalls*> m_turn{&m_firstTurn}; // the present one
 };
 
 extern constinit Consumers s_consumers;

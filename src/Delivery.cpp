@@ -31,10 +31,10 @@ constexpr std::size_t warmChunks = 128; // kept for whoever emits next: a quarte
 constexpr std::chrono::milliseconds peakHold{2000}; // how long the memory of a burst is kept
 constexpr std::chrono::milliseconds peakStep{100};  // then an eighth goes back in each of these
 
-/// Whether this thread is the only one left: `main` has ended by pthread_exit, and all others have
-/// ended as well. See proc(5): the state is that of the first thread, a zombie then, which is
-/// counted.
-bool IsLastThread() noexcept {
+/// Whether no thread of the application is left: `main` has ended by pthread_exit, and all others
+/// have ended as well; `count` are `main` and ours. See proc(5): the state is that of the first
+/// thread, a zombie then, which is counted.
+bool IsLastThread(long count) noexcept {
     const int file = open("/proc/self/stat", O_RDONLY | O_CLOEXEC);
     if (file < 0)
         return false;
@@ -49,7 +49,7 @@ bool IsLastThread() noexcept {
                        " %c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %*u %*u %*d %*d %*d "
                        "%*d %ld",
                        &state, &threads) == 2 &&
-           state == 'Z' && threads == 2;
+           state == 'Z' && threads == count;
 }
 
 } // namespace
@@ -128,7 +128,7 @@ void Delivery::Start() {
     s_threads.SetSwept(true);
     ShareReading();
     try {
-        m_thread.Start([](void* self) { static_cast<Delivery*>(self)->Run(); }, this);
+        m_first.thread.Start(&RunFirst, &m_first);
         m_isEverStarted.store(true, std::memory_order_relaxed);
     } catch (...) {
         s_threads.SetSwept(false);
@@ -150,7 +150,35 @@ void Delivery::Wake() noexcept {
 }
 
 bool Delivery::JoinUntil(Deadline deadline) noexcept {
-    return m_stopped.WaitUntil(deadline) && m_thread.JoinUntil(deadline);
+    if (!m_stopped.WaitUntil(deadline))
+        return false;
+    // The one that has deposed the others is the last, but for the one that stands by.
+    for (Turn* turn = &m_first; turn != nullptr; turn = turn->next.load(std::memory_order_acquire))
+        if (!turn->calls.IsDeposed() && !turn->thread.JoinUntil(deadline))
+            return false;
+    return true;
+}
+
+void Delivery::Detach() noexcept {
+    for (Turn* turn = &m_first; turn != nullptr; turn = turn->next.load(std::memory_order_acquire))
+        if (turn->thread.IsStarted())
+            turn->thread.Detach();
+}
+
+bool Delivery::JoinDeposed() noexcept {
+    bool haveAllLeft = true;
+    for (Turn* turn = &m_first; turn != nullptr;
+         turn = turn->next.load(std::memory_order_acquire)) {
+        if (!turn->calls.IsDeposed() || !turn->thread.IsStarted())
+            continue;
+        if (turn->hasLeft.load(std::memory_order_acquire)) {
+            turn->thread.JoinUntil(Deadline::max());
+        } else {
+            turn->thread.Detach();
+            haveAllLeft = false;
+        }
+    }
+    return haveAllLeft;
 }
 
 class Delivery::Reading {
@@ -173,8 +201,15 @@ private:
 
 // The thread -----------------------------------------------------------------------------------
 
-void Delivery::Run() {
+void Delivery::RunFirst(void* turn) {
+    auto& self = *static_cast<Turn*>(turn);
     t_thread.isDeliveryThread = true;
+    self.delivery.m_threads.fetch_add(1, std::memory_order_relaxed);
+    self.delivery.Init();
+    self.delivery.Run(self);
+}
+
+void Delivery::Init() {
     try {
         // Released right behind the call: its code may be gone later.
         if (const std::function<void()> init = std::exchange(m_init, nullptr))
@@ -182,6 +217,9 @@ void Delivery::Run() {
     } catch (abi::__forced_unwind&) {
         throw; // glibc ends the thread by it, and it must pass
     } catch (...) {}
+}
+
+void Delivery::Run(Turn& turn) {
     int idlePauses = 0;
     while (!InForkedChild()) {
         m_wake.Reset();
@@ -194,9 +232,11 @@ void Delivery::Run() {
         m_delivered = 0;
         s_queueLimit.SetThreads(s_threads.Size());
         LookAtMemory();
-        const bool isComplete = DeliverUpTo(std::min(now, end));
+        const bool isComplete = DeliverUpTo(turn, std::min(now, end));
         if (InForkedChild())
             return; // a consumer has forked, and this is the child
+        if (turn.calls.IsDeposed())
+            break;
         if (isComplete && flush != 0)
             m_flushes.Answer(flush);
         if (isComplete && end <= now)
@@ -211,7 +251,8 @@ void Delivery::Run() {
         if (InForkedChild())
             return;
         const bool isIdle = isComplete && m_delivered == 0;
-        if (isIdle && ++idlePauses % idlePausesPerCheck == 0 && IsLastThread()) {
+        if (isIdle && ++idlePauses % idlePausesPerCheck == 0 &&
+            IsLastThread(1 + m_threads.load(std::memory_order_relaxed))) {
             ShowShutdown();
             s_life.SwitchOff(); // the process ends when this thread does, see pthread_exit(3)
             EndHere();
@@ -221,8 +262,15 @@ void Delivery::Run() {
             m_wake.Wait(isIdle ? idlePause : std::min(gather, idlePause));
         }
     }
-    if (!InForkedChild())
-        End();
+    if (InForkedChild())
+        return;
+    if (turn.calls.IsDeposed()) {
+        LeaveDeposed(turn);
+        return;
+    }
+    turn.merge.Free();
+    turn.event = DeliveredEvent();
+    End();
 }
 
 void Delivery::ShareReading() {
@@ -233,22 +281,22 @@ void Delivery::ShareReading() {
     m_isShared.store(isWanted, std::memory_order_release);
 }
 
-bool Delivery::DeliverUpTo(std::uint64_t cut) {
+bool Delivery::DeliverUpTo(Turn& turn, std::uint64_t cut) {
     try {
         do {
             m_oldest.store(StampClock::Ticks(), std::memory_order_relaxed);
-            if (!LookAtQueues(cut))
+            if (!LookAtQueues(turn, cut))
                 return true;
-        } while (!DeliverMerged());
+        } while (!DeliverMerged(turn));
     } catch (const std::bad_alloc&) {
         return false; // tried again
     }
     return true;
 }
 
-bool Delivery::LookAtQueues(std::uint64_t cut) {
+bool Delivery::LookAtQueues(Turn& turn, std::uint64_t cut) {
     const Reading reading(*this);
-    m_merge.Begin(cut);
+    turn.merge.Begin(cut);
     std::size_t bytes = 0;
     for (ThreadRecord* record = s_threads.First(); record != nullptr; record = record->next) {
         bytes += record->queue.QueuedBytes();
@@ -261,19 +309,19 @@ bool Delivery::LookAtQueues(std::uint64_t cut) {
                       losses.gapWall.load(std::memory_order_relaxed));
             losses.told.store(lost, std::memory_order_relaxed);
         }
-        m_merge.Add(record->queue, record->owner.load(std::memory_order_relaxed));
+        turn.merge.Add(record->queue, record->owner.load(std::memory_order_relaxed));
     }
-    m_merge.Order();
+    turn.merge.Order();
     m_seenDrops = m_drops;
     if (m_dropGap.lost != 0) {
         m_gap.Add(m_dropGap.lost, m_dropGap.ticks, m_dropGap.wall);
         m_dropGap = Gap();
     }
     s_ledger.SeeQueuedBytes(bytes);
-    return m_merge.Front() != nullptr || m_gap.lost != 0;
+    return turn.merge.Front() != nullptr || m_gap.lost != 0;
 }
 
-bool Delivery::DeliverMerged() {
+bool Delivery::DeliverMerged(Turn& turn) {
     // Nobody to deliver to: looked at after the queues were, so that whoever was registered before
     // something was emitted does not miss it.
     if (!s_consumers.HasAsynchronous()) {
@@ -281,52 +329,143 @@ bool Delivery::DeliverMerged() {
         if (m_drops != m_seenDrops)
             return false;
         m_gap = Gap();
-        m_delivered += m_merge.Discard();
+        m_delivered += turn.merge.Discard();
         return true;
     }
-    if (s_faults.HasHandler() && m_merge.Front() != nullptr)
-        s_faults.NoteLag(StampClock::Ticks() - m_merge.Front()->ticks);
-    Consumers::Calls calls(s_consumers);
+    if (s_faults.HasHandler() && turn.merge.Front() != nullptr)
+        s_faults.NoteLag(StampClock::Ticks() - turn.merge.Front()->ticks);
+    Consumers::Calls calls(s_consumers, turn.calls);
     for (;;) {
         pid_t emitter = 0;
         const MetricsEvent* event = nullptr;
         bool isBehindGap = false;
+        bool isGoingOn = false;
         {
             const Reading reading(*this);
             if (m_drops != m_seenDrops) [[unlikely]]
                 return false; // others have read: looked at anew
-            Record* const record = m_merge.Front();
+            Record* const record = turn.merge.Front();
             isBehindGap = m_gap.lost != 0 && (record == nullptr || record->ticks > m_gap.ticks);
             if (record == nullptr && !isBehindGap)
                 break;
             if (!isBehindGap) [[likely]] {
                 m_oldest.store(record->ticks, std::memory_order_relaxed);
-                event = &m_event.Make(*record, m_merge.Queue());
-                emitter = m_merge.Emitter();
-                m_merge.Pop();
+                event = &turn.event.Make(*record, turn.merge.Queue());
+                emitter = turn.merge.Emitter();
+                turn.merge.Pop();
             }
         }
         if (isBehindGap) {
-            TellGap(calls);
+            isGoingOn = TellGap(calls);
         } else {
-            calls.Call(*event, emitter);
             ++m_delivered;
+            isGoingOn = calls.Call(*event, emitter);
         }
-        if (InForkedChild())
+        if (!isGoingOn) { // deposed, or in a forked child
+            if (!InForkedChild())
+                WaitForEvent(turn);
             return true;
-        if (m_event.HoldsObjects()) [[unlikely]] {
+        }
+        if (turn.event.HoldsObjects()) [[unlikely]] {
             // Whoever waits for the end of a call must not wait for what is freed here.
             calls.Leave();
-            m_event.Clear();
+            turn.event.Clear();
             if (InForkedChild())
                 return true;
             calls.Enter();
         } else {
-            m_event.Clear();
+            turn.event.Clear();
         }
     }
     calls.EndBatch();
     return true;
+}
+
+// The thread that stands by --------------------------------------------------------------------
+
+struct Delivery::FurtherTurn {
+    DeliveryCalls calls;
+    Turn turn;
+
+    explicit FurtherTurn(Delivery& delivery) : turn{delivery, calls, {}, {}, {}} {}
+};
+
+void Delivery::Watch(std::uint32_t milliseconds) {
+    const unsigned int pause = std::clamp(milliseconds / 4, 1U, 100U);
+    const unsigned int before = m_watchPause.load(std::memory_order_relaxed);
+    if (before == 0 || pause < before)
+        m_watchPause.store(pause, std::memory_order_relaxed);
+    const korsys::MutexLock lock(m_watchLock);
+    if (m_standby.load(std::memory_order_relaxed) == nullptr)
+        StartStandby();
+}
+
+void Delivery::StartStandby() {
+    // Never freed: there are as many as consumers that were set aside in a call, and one.
+    auto made = std::make_unique<FurtherTurn>(*this);
+    made->turn.thread.Start(&RunStandby, &made->turn);
+    FurtherTurn* const further = made.release();
+    Turn* last = &m_first;
+    while (Turn* const next = last->next.load(std::memory_order_relaxed))
+        last = next;
+    last->next.store(&further->turn, std::memory_order_release);
+    s_consumers.AddTurn(further->calls);
+    m_standby.store(&further->turn, std::memory_order_release);
+}
+
+void Delivery::RunStandby(void* turn) {
+    auto& self = *static_cast<Turn*>(turn);
+    Delivery& delivery = self.delivery;
+    delivery.m_threads.fetch_add(1, std::memory_order_relaxed);
+    while (!delivery.m_ends.Wait(delivery.m_watchPause.load(std::memory_order_relaxed))) {
+        if (delivery.m_standby.load(std::memory_order_acquire) != &self)
+            continue; // not yet announced
+        DeliveryCalls& present = s_consumers.PresentTurn();
+        if (InForkedChild())
+            return;
+        if (s_consumers.Depose(present, self.calls)) {
+            delivery.TakeOver(self, present);
+            return;
+        }
+    }
+    delivery.m_threads.fetch_sub(1, std::memory_order_relaxed);
+}
+
+void Delivery::TakeOver(Turn& turn, DeliveryCalls& other) {
+    t_thread.isDeliveryThread = true;
+    {
+        const korsys::MutexLock lock(m_watchLock);
+        m_standby.store(nullptr, std::memory_order_relaxed);
+        try {
+            StartStandby();
+        } catch (...) {
+            // Nobody stands by: the next consumer that is stuck holds up the others.
+        }
+    }
+    if (GoOnBehind(turn, other))
+        Run(turn);
+    else if (!InForkedChild())
+        LeaveDeposed(turn);
+}
+
+bool Delivery::GoOnBehind(Turn& turn, DeliveryCalls& other) {
+    Consumers::Calls calls(s_consumers, turn.calls);
+    const bool isGoingOn = calls.CallBehind(other);
+    if (!isGoingOn && !InForkedChild())
+        WaitForEvent(turn);
+    other.isEventFree.store(true, std::memory_order_release);
+    return isGoingOn;
+}
+
+void Delivery::WaitForEvent(const Turn& turn) {
+    PollUntil(Deadline::max(),
+              [&turn] { return turn.calls.isEventFree.load(std::memory_order_acquire); });
+}
+
+void Delivery::LeaveDeposed(Turn& turn) {
+    s_consumers.LeaveDeposed(turn.calls);
+    m_threads.fetch_sub(1, std::memory_order_relaxed);
+    turn.hasLeft.store(true, std::memory_order_release);
 }
 
 // What is lost to the limit --------------------------------------------------------------------
@@ -374,14 +513,14 @@ void Delivery::Gap::Add(std::uint64_t count, std::uint64_t firstTicks,
     }
 }
 
-void Delivery::TellGap(Consumers::Calls& calls) {
+bool Delivery::TellGap(Consumers::Calls& calls) {
     MetricsEvent event;
     event.eventType = MetricsEventType::Custom;
     event.param1 = MetricsValue("lost");
     event.param2 = MetricsValue(m_gap.lost);
     PutStamp(m_gap.ticks, m_gap.wall, event);
     m_gap = Gap();
-    calls.Call(event, 0);
+    return calls.Call(event, 0);
 }
 
 bool Delivery::DropOldest(std::size_t bytes) noexcept {
@@ -478,6 +617,7 @@ void Delivery::BalanceMemory() noexcept {
 
 void Delivery::End() {
     s_life.EndDelivery(); // nothing more is let in
+    m_ends.Signal();      // for the one that stands by
     m_flushes.End();      // everything that was queued before the end is delivered
     s_ledger.KeepConsumers();
     s_consumers.ReleaseAll(Deadline::max()); // may call back
@@ -493,8 +633,6 @@ void Delivery::End() {
     s_faults.TellLast();
     if (InForkedChild())
         return;
-    m_merge.Free();
-    m_event = DeliveredEvent();
     m_hasEnded.store(true, std::memory_order_release);
     m_stopped.Signal();
 }

@@ -75,7 +75,10 @@ public:
     void SetInitFunction(std::function<void()>& function) noexcept { m_init.swap(function); }
     /// @throws std::system_error
     void Start();
-    bool IsStarted() const noexcept { return m_thread.IsStarted(); }
+    /// Has a second thread stand by, that goes on when a consumer exceeds its limit.
+    /// @throws std::system_error, std::bad_alloc
+    void Watch(std::uint32_t milliseconds) KORSYS_EXCLUDES(m_watchLock);
+    bool IsStarted() const noexcept { return m_first.thread.IsStarted(); }
     /// Any thread: whether there has ever been a thread.
     bool IsEverStarted() const noexcept { return m_isEverStarted.load(std::memory_order_relaxed); }
 
@@ -88,7 +91,10 @@ public:
     /// Waits for the end of the thread. @return false after the deadline.
     bool JoinUntil(Deadline deadline) noexcept;
     /// Leaves the thread to itself.
-    void Detach() noexcept { m_thread.Detach(); }
+    void Detach() noexcept;
+    /// Behind the end: whether no deposed thread is left inside of a consumer. Those that are, are
+    /// left to themselves.
+    bool JoinDeposed() noexcept;
 
     /// Whether what was stamped then is behind the end.
     bool EndsBefore(std::uint64_t order) const noexcept {
@@ -123,6 +129,20 @@ private:
     /// Held by the delivery thread while it reads queues that DropOldest may read too.
     class Reading;
 
+    /// One delivery thread. There is one at a time; another one waits to depose it where a consumer
+    /// has a time limit.
+    struct Turn {
+        Delivery& delivery;
+        DeliveryCalls& calls;
+        TimedThread thread;
+        Merge merge;
+        DeliveredEvent event;
+        std::atomic<bool> hasLeft{false}; // nothing of ours is touched any more
+        std::atomic<Turn*> next{nullptr}; // in the order of their starts
+    };
+    /// Another one, with what the consumers know of it.
+    struct FurtherTurn;
+
     /// The events that the stream does not tell of yet: they are lost to the limit.
     struct Gap {
         std::uint64_t ticks = std::numeric_limits<std::uint64_t>::max(); // of the first one
@@ -132,23 +152,36 @@ private:
         void Add(std::uint64_t count, std::uint64_t firstTicks, std::uint64_t firstWall) noexcept;
     };
 
-    void Run();
+    static void RunFirst(void* turn);
+    static void RunStandby(void* turn);
+    void Init();
+    void Run(Turn& turn);
+    void LeaveDeposed(Turn& turn);
+    void StartStandby() KORSYS_REQUIRES(m_watchLock);
+    void TakeOver(Turn& turn, DeliveryCalls& other);
+    bool DeliverUpTo(Turn& turn, std::uint64_t cut);
+    bool LookAtQueues(Turn& turn, std::uint64_t cut);
+    bool DeliverMerged(Turn& turn);
+    bool GoOnBehind(Turn& turn, DeliveryCalls& other);
+    static void WaitForEvent(const Turn& turn);
     void ShareReading();
-    bool DeliverUpTo(std::uint64_t cut);
-    bool LookAtQueues(std::uint64_t cut);
-    bool DeliverMerged();
-    void TellGap(Consumers::Calls& calls);
+    bool TellGap(Consumers::Calls& calls);
     void NoteFaults();
     void LookAtMemory() noexcept;
     void BalanceMemory() noexcept;
     void End();
 
-    TimedThread m_thread;
-    std::function<void()> m_init; // until the thread runs
+    Turn m_first{*this, s_consumers.FirstTurn(), {}, {}, {}};
+    korsys::Mutex m_watchLock;
+    std::atomic<Turn*> m_standby{nullptr};     // written under that lock
+    std::atomic<unsigned int> m_watchPause{0}; // ms
+    std::atomic<int> m_threads{0};             // of ours
+    std::function<void()> m_init;              // until the thread runs
 
     std::atomic<std::uint64_t> m_end{std::numeric_limits<std::uint64_t>::max()};
     korsys::TEvent m_wake{false};    // cuts a pause short
     korsys::TEvent m_stopped{false}; // signalled as the thread's last act
+    korsys::TEvent m_ends{false};    // for the one that stands by
     Flushes m_flushes;
 
     // Reading of the queues, where DropOldest may do it too.
@@ -166,10 +199,8 @@ private:
     std::atomic<bool> m_isWoken{false};
 
     // The thread's own.
-    Merge m_merge;
-    std::uint64_t m_seenDrops = 0; // m_drops when m_merge was made
+    std::uint64_t m_seenDrops = 0; // m_drops when the queues were looked at
     Gap m_gap;
-    DeliveredEvent m_event;
     std::size_t m_delivered = 0; // in this batch
     std::size_t m_peak = 0;      // chunks that bursts have lately needed
     Deadline m_peakAt{};

@@ -106,6 +106,14 @@ void Lifecycle::Enable() {
     delivery.Start();
 }
 
+void Lifecycle::Watch(std::uint32_t milliseconds) {
+    const korsys::MutexLock lock(m_lock);
+    Delivery* const delivery = FindDelivery();
+    if (m_phase == Phase::Enabled && m_end == End::NotBegun && delivery != nullptr &&
+        delivery->IsStarted())
+        delivery->Watch(milliseconds);
+}
+
 void Lifecycle::SetThreadInitFunction(std::function<void()>&& function) {
     NoticeFork();
     if (IsOff())
@@ -154,8 +162,9 @@ bool Lifecycle::EndUntil(steady_clock::time_point& deadline) noexcept {
         // 4. What stands before the end is delivered, and the consumers let go.
         hasEnded = delivery->JoinUntil(deadline);
         // 5. Or the thread is left to itself, and to the library what it needs.
-        if (!hasEnded) {
+        if (!hasEnded)
             delivery->Detach();
+        if (!hasEnded || !delivery->JoinDeposed()) {
             m_isStuck = true;
             if (!m_isUnloading) // then it is too late
                 KeepLibraryLoaded();

@@ -30,8 +30,8 @@ enum class Phase : std::uint8_t { Idle, Enabled, Ended, Off, Forked };
 /// destroyed, so that calls before the first static initialiser and after the last destructor are
 /// as good as any other.
 ///
-/// Locks: m_lock is held while the delivery thread is started, and while an end is claimed; no
-/// other lock is taken under it, and nothing of the application is called.
+/// Locks: m_lock is held while a delivery thread is started, and while an end is claimed; only the
+/// one of Delivery::Watch is taken under it, and nothing of the application is called.
 ///
 /// Thread-safety: safe from any thread at any time.
 class Lifecycle {
@@ -56,6 +56,8 @@ public:
     }
     /// See MetricsManager::Enable.
     void Enable() KORSYS_EXCLUDES(m_lock);
+    /// For a consumer that may take so long for a call: see Delivery::Watch.
+    void Watch(std::uint32_t milliseconds) KORSYS_EXCLUDES(m_lock);
     /// See MetricsManager::SetThreadInitFunction.
     void SetThreadInitFunction(std::function<void()>&& function) KORSYS_EXCLUDES(m_lock);
     /// See MetricsManager::Disable.

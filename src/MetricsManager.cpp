@@ -112,6 +112,8 @@ bool MetricsManager::AddConsumer(MetricsListenerPtr listener, std::uint64_t bits
     s_life.NoticeFork();
     if (!listener || detail::IsInsideCall() || !s_life.Accepts())
         return false;
+    if (!synchronous && options.maxCallMilliseconds != 0)
+        s_life.Watch(options.maxCallMilliseconds);
     return s_consumers.Add(std::move(listener), bits, synchronous, options);
 }
 

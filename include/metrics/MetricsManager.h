@@ -127,8 +127,9 @@ public:
     /// aside, so that it no longer harms the others.
     ///
     /// Thread-safety: safe from any thread at any time.
-    /// Cost: that of the other AddConsumer.
-    /// @throws std::bad_alloc
+    /// Cost: that of the other AddConsumer; the first asynchronous consumer with
+    /// maxCallMilliseconds starts a second thread of ours, which looks four times in that time.
+    /// @throws std::bad_alloc; std::system_error when that thread cannot be started.
     bool AddConsumer(MetricsListenerPtr listener, std::uint64_t bits, bool synchronous,
                      const MetricsConsumerOptions& options);
 
