@@ -268,9 +268,14 @@ void Delivery::Run(Turn& turn) {
         LeaveDeposed(turn);
         return;
     }
+    FreeTurn(turn);
+    End();
+}
+
+void Delivery::FreeTurn(Turn& turn) {
     turn.merge.Free();
     turn.event = DeliveredEvent();
-    End();
+    turn.gapEvent = MetricsEvent();
 }
 
 void Delivery::ShareReading() {
@@ -356,7 +361,8 @@ bool Delivery::DeliverMerged(Turn& turn) {
             }
         }
         if (isBehindGap) {
-            isGoingOn = TellGap(calls);
+            MakeGapEvent(turn.gapEvent);
+            isGoingOn = calls.Call(turn.gapEvent, 0);
         } else {
             ++m_delivered;
             isGoingOn = calls.Call(*event, emitter);
@@ -387,7 +393,7 @@ struct Delivery::FurtherTurn {
     DeliveryCalls calls;
     Turn turn;
 
-    explicit FurtherTurn(Delivery& delivery) : turn{delivery, calls, {}, {}, {}} {}
+    explicit FurtherTurn(Delivery& delivery) : turn{delivery, calls, {}, {}, {}, {}} {}
 };
 
 void Delivery::Watch(std::uint32_t milliseconds) {
@@ -451,7 +457,9 @@ void Delivery::TakeOver(Turn& turn, DeliveryCalls& other) {
 bool Delivery::GoOnBehind(Turn& turn, DeliveryCalls& other) {
     Consumers::Calls calls(s_consumers, turn.calls);
     const bool isGoingOn = calls.CallBehind(other);
-    if (!isGoingOn && !InForkedChild())
+    if (isGoingOn)
+        calls.EndBatch(); // nothing may follow
+    else if (!InForkedChild())
         WaitForEvent(turn);
     other.isEventFree.store(true, std::memory_order_release);
     return isGoingOn;
@@ -464,6 +472,7 @@ void Delivery::WaitForEvent(const Turn& turn) {
 
 void Delivery::LeaveDeposed(Turn& turn) {
     s_consumers.LeaveDeposed(turn.calls);
+    FreeTurn(turn);
     m_threads.fetch_sub(1, std::memory_order_relaxed);
     turn.hasLeft.store(true, std::memory_order_release);
 }
@@ -513,14 +522,13 @@ void Delivery::Gap::Add(std::uint64_t count, std::uint64_t firstTicks,
     }
 }
 
-bool Delivery::TellGap(Consumers::Calls& calls) {
-    MetricsEvent event;
+void Delivery::MakeGapEvent(MetricsEvent& event) {
+    event = MetricsEvent();
     event.eventType = MetricsEventType::Custom;
     event.param1 = MetricsValue("lost");
     event.param2 = MetricsValue(m_gap.lost);
     PutStamp(m_gap.ticks, m_gap.wall, event);
     m_gap = Gap();
-    return calls.Call(event, 0);
 }
 
 bool Delivery::DropOldest(std::size_t bytes) noexcept {

@@ -137,6 +137,7 @@ private:
         TimedThread thread;
         Merge merge;
         DeliveredEvent event;
+        MetricsEvent gapEvent;            // here, since another thread may go on with it
         std::atomic<bool> hasLeft{false}; // nothing of ours is touched any more
         std::atomic<Turn*> next{nullptr}; // in the order of their starts
     };
@@ -156,6 +157,7 @@ private:
     static void RunStandby(void* turn);
     void Init();
     void Run(Turn& turn);
+    static void FreeTurn(Turn& turn);
     void LeaveDeposed(Turn& turn);
     void StartStandby() KORSYS_REQUIRES(m_watchLock);
     void TakeOver(Turn& turn, DeliveryCalls& other);
@@ -165,13 +167,13 @@ private:
     bool GoOnBehind(Turn& turn, DeliveryCalls& other);
     static void WaitForEvent(const Turn& turn);
     void ShareReading();
-    bool TellGap(Consumers::Calls& calls);
+    void MakeGapEvent(MetricsEvent& event);
     void NoteFaults();
     void LookAtMemory() noexcept;
     void BalanceMemory() noexcept;
     void End();
 
-    Turn m_first{*this, s_consumers.FirstTurn(), {}, {}, {}};
+    Turn m_first{*this, s_consumers.FirstTurn(), {}, {}, {}, {}};
     korsys::Mutex m_watchLock;
     std::atomic<Turn*> m_standby{nullptr};     // written under that lock
     std::atomic<unsigned int> m_watchPause{0}; // ms
