@@ -126,6 +126,7 @@ Delivery& MakeDelivery() noexcept {
 
 void Delivery::Start() {
     s_threads.SetSwept(true);
+    m_oldest.store(StampClock::Ticks(), std::memory_order_relaxed);
     ShareReading();
     try {
         m_first.thread.Start(&RunFirst, &m_first);
@@ -535,6 +536,10 @@ bool Delivery::DropOldest(std::size_t bytes) noexcept {
     // Acquire: the thread has read without the lock before.
     if (!m_isShared.load(std::memory_order_acquire) || !m_reading.TryLock())
         return false;
+    if (!m_isShared.load(std::memory_order_relaxed)) { // no more
+        m_reading.Unlock();
+        return false;
+    }
     Remains remains; // destroyed behind the lock
     bool isTaken = false;
     const auto more =
@@ -542,9 +547,8 @@ bool Delivery::DropOldest(std::size_t bytes) noexcept {
     try {
         Merge merge;
         merge.Begin(std::numeric_limits<std::uint64_t>::max());
-        if (m_isShared.load(std::memory_order_relaxed))
-            for (ThreadRecord* record = s_threads.First(); record != nullptr; record = record->next)
-                merge.Add(record->queue, 0);
+        for (ThreadRecord* record = s_threads.First(); record != nullptr; record = record->next)
+            merge.Add(record->queue, 0);
         merge.Order();
         ++m_drops;
         while (!(isTaken = s_queueLimit.Take(bytes + more)) && merge.Front() != nullptr) {
@@ -567,8 +571,7 @@ bool Delivery::DropOldest(std::size_t bytes) noexcept {
 }
 
 void Delivery::WaitForSharing(Deadline deadline) const noexcept {
-    PollUntil(deadline,
-              [this] { return m_isShared.load(std::memory_order_relaxed) || !IsStarted(); });
+    PollUntil(deadline, [this] { return SharesReading() || !IsEverStarted() || HasEnded(); });
 }
 
 void Delivery::WakeOnce() noexcept {
@@ -631,6 +634,10 @@ void Delivery::End() {
     s_consumers.ReleaseAll(Deadline::max()); // may call back
     if (InForkedChild())
         return;
+    {
+        const korsys::MutexLock lock(m_reading); // an emitter may be at it
+        m_isShared.store(false, std::memory_order_release);
+    }
     for (ThreadRecord* record = s_threads.First(); record != nullptr; record = record->next) {
         const std::uint64_t before = record->queue.Taken();
         record->queue.Discard(record->queue.Published()); // what came behind the end

@@ -217,7 +217,8 @@ public:
     std::uint64_t Appended() const noexcept { return m_appended.load(std::memory_order_relaxed); }
 
     /// The memory that waiting records take, in the chunks and outside. Exact while nobody appends
-    /// or takes; otherwise it may be off by a chunk.
+    /// or takes. For the one who takes it is off by a chunk at most; for anybody else it may be
+    /// larger by what came and went in between.
     std::size_t QueuedBytes() const noexcept;
 
 private:

@@ -6,6 +6,7 @@
 #include "StampClock.h"
 #include "ThreadTable.h"
 
+#include <algorithm>
 #include <new>
 
 namespace Metrics::detail {
@@ -13,8 +14,8 @@ namespace Metrics::detail {
 constinit Ledger s_ledger;
 
 void Ledger::SeeQueuedBytes(std::uint64_t bytes) noexcept {
-    std::uint64_t peak = m_peak.load(std::memory_order_relaxed);
-    while (bytes > peak && !m_peak.compare_exchange_weak(peak, bytes, std::memory_order_relaxed)) {}
+    if (bytes > m_peak.load(std::memory_order_relaxed))
+        m_peak.store(bytes, std::memory_order_relaxed);
 }
 
 MetricsStatistics Ledger::Counts() noexcept {
@@ -52,10 +53,12 @@ MetricsStatistics Ledger::Counts() noexcept {
     }
     now.accepted = now.delivered + now.queued + now.lostToLimit + now.lostToMemory +
                    now.lostToException + now.lostToShutdown;
-    SeeQueuedBytes(now.queuedBytes);
-    now.peakQueuedBytes = m_peak.load(std::memory_order_relaxed);
+    // Not kept as a peak: read while others append and take, it may be too large.
+    now.peakQueuedBytes = std::max(m_peak.load(std::memory_order_relaxed), now.queuedBytes);
     now.threads = s_threads.Size();
-    now.oldestNanoseconds = now.queued == 0 ? 0 : StampClock::Ticks() - now.oldestNanoseconds;
+    const std::uint64_t ticks = StampClock::Ticks(); // the other one is another thread's
+    now.oldestNanoseconds =
+        now.queued == 0 || ticks < now.oldestNanoseconds ? 0 : ticks - now.oldestNanoseconds;
     return now;
 }
 
