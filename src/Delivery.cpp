@@ -227,9 +227,12 @@ void Delivery::Run(Turn& turn) {
         m_isWoken.store(false, std::memory_order_relaxed);
         ShareReading();
         const std::uint64_t flush = m_flushes.Take();
+        const std::uint64_t ticks = StampClock::Ticks();
         const std::uint64_t now = s_stampClock.Now();
         // Acquire: whoever has set it has published what it emitted before.
         const std::uint64_t end = m_end.load(std::memory_order_acquire);
+        // At the end, all that began before it; and no more, since emitters may go on to lose.
+        m_gapsUntil = end <= now ? StampClock::Ticks() : ticks;
         m_delivered = 0;
         s_queueLimit.SetThreads(s_threads.Size());
         LookAtMemory();
@@ -324,7 +327,7 @@ bool Delivery::LookAtQueues(Turn& turn, std::uint64_t cut) {
         m_dropGap = Gap();
     }
     s_ledger.SeeQueuedBytes(bytes);
-    return turn.merge.Front() != nullptr || m_gap.lost != 0;
+    return turn.merge.Front() != nullptr || IsGapDue(nullptr);
 }
 
 bool Delivery::DeliverMerged(Turn& turn) {
@@ -351,11 +354,14 @@ bool Delivery::DeliverMerged(Turn& turn) {
             if (m_drops != m_seenDrops) [[unlikely]]
                 return false; // others have read: looked at anew
             Record* const record = turn.merge.Front();
-            isBehindGap = m_gap.lost != 0 && (record == nullptr || record->ticks > m_gap.ticks);
+            isBehindGap = IsGapDue(record);
             if (record == nullptr && !isBehindGap)
                 break;
             if (!isBehindGap) [[likely]] {
                 m_oldest.store(record->ticks, std::memory_order_relaxed);
+                m_lastTicks = record->ticks;
+                m_lastWall = record->wall;
+                m_isBehindRecord = true;
                 event = &turn.event.Make(*record, turn.merge.Queue());
                 emitter = turn.merge.Emitter();
                 turn.merge.Pop();
@@ -487,6 +493,8 @@ bool DropsOldest() noexcept {
 bool MakeRoom(std::size_t bytes) noexcept {
     Delivery* const delivery = FindDelivery();
     const std::uint64_t limit = s_queueLimit.Bytes();
+    if (limit == 0) // lifted a moment ago
+        return s_queueLimit.Take(bytes);
     if (delivery == nullptr || bytes > limit)
         return false;
     delivery->WakeOnce();
@@ -523,13 +531,29 @@ void Delivery::Gap::Add(std::uint64_t count, std::uint64_t firstTicks,
     }
 }
 
+bool Delivery::IsGapDue(const Record* next) const noexcept {
+    if (m_gap.lost == 0)
+        return false;
+    if (next == nullptr) // what follows may be older than a gap that began a moment ago
+        return m_gap.ticks <= m_gapsUntil;
+    // One event at least between two gaps, or consumers that are slower than the emitters would be
+    // told of nothing else.
+    return m_isBehindRecord && m_gap.ticks < next->ticks;
+}
+
 void Delivery::MakeGapEvent(MetricsEvent& event) {
     event = MetricsEvent();
     event.eventType = MetricsEventType::Custom;
     event.param1 = MetricsValue("lost");
     event.param2 = MetricsValue(m_gap.lost);
-    PutStamp(m_gap.ticks, m_gap.wall, event);
+    // Not before what was delivered, where it could not be told at its own place.
+    if (m_gap.ticks > m_lastTicks) {
+        m_lastTicks = m_gap.ticks;
+        m_lastWall = m_gap.wall;
+    }
+    PutStamp(m_lastTicks, m_lastWall, event);
     m_gap = Gap();
+    m_isBehindRecord = false;
 }
 
 bool Delivery::DropOldest(std::size_t bytes) noexcept {

@@ -167,6 +167,7 @@ private:
     bool GoOnBehind(Turn& turn, DeliveryCalls& other);
     static void WaitForEvent(const Turn& turn);
     void ShareReading();
+    bool IsGapDue(const Record* next) const noexcept;
     void MakeGapEvent(MetricsEvent& event);
     void NoteFaults();
     void LookAtMemory() noexcept;
@@ -203,8 +204,12 @@ private:
     // The thread's own.
     std::uint64_t m_seenDrops = 0; // m_drops when the queues were looked at
     Gap m_gap;
-    std::size_t m_delivered = 0; // in this batch
-    std::size_t m_peak = 0;      // chunks that bursts have lately needed
+    std::uint64_t m_gapsUntil = 0; // ticks; those that began later wait for the next batch
+    std::uint64_t m_lastTicks = 0; // of the last event delivered, or gap
+    std::uint64_t m_lastWall = 0;
+    bool m_isBehindRecord = true; // it was not a gap
+    std::size_t m_delivered = 0;  // in this batch
+    std::size_t m_peak = 0;       // chunks that bursts have lately needed
     Deadline m_peakAt{};
     Deadline m_trimAt{};         // when memory may be given back again
     std::size_t m_untrimmed = 0; // free chunks that could not be given back last time
