@@ -193,7 +193,8 @@ public:
     /// thread, between two batches, at most once a second for each reason, and a last time at the
     /// end, after which it is released. What it throws is dropped. An empty function: none, as at
     /// first. Once it has returned, the former handler is not called any more; inside of the
-    /// handler, once that call has ended.
+    /// handler or a consumer on the delivery thread, once that call has ended. Behind the end it
+    /// takes none.
     ///
     /// Thread-safety: safe from any thread at any time.
     /// Cost: takes a lock for a few instructions; waits for a call of the former handler;
