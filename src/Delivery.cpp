@@ -293,7 +293,6 @@ void Delivery::ShareReading() {
 bool Delivery::DeliverUpTo(Turn& turn, std::uint64_t cut) {
     try {
         do {
-            m_oldest.store(StampClock::Ticks(), std::memory_order_relaxed);
             if (!LookAtQueues(turn, cut))
                 return true;
         } while (!DeliverMerged(turn));
@@ -305,6 +304,7 @@ bool Delivery::DeliverUpTo(Turn& turn, std::uint64_t cut) {
 
 bool Delivery::LookAtQueues(Turn& turn, std::uint64_t cut) {
     const Reading reading(*this);
+    const std::uint64_t ticks = StampClock::Ticks();
     turn.merge.Begin(cut);
     std::size_t bytes = 0;
     for (ThreadRecord* record = s_threads.First(); record != nullptr; record = record->next) {
@@ -321,13 +321,15 @@ bool Delivery::LookAtQueues(Turn& turn, std::uint64_t cut) {
         turn.merge.Add(record->queue, record->owner.load(std::memory_order_relaxed));
     }
     turn.merge.Order();
+    const Record* const front = turn.merge.Front();
+    m_oldest.store(front == nullptr ? ticks : front->ticks, std::memory_order_relaxed);
     m_seenDrops = m_drops;
     if (m_dropGap.lost != 0) {
         m_gap.Add(m_dropGap.lost, m_dropGap.ticks, m_dropGap.wall);
         m_dropGap = Gap();
     }
     s_ledger.SeeQueuedBytes(bytes);
-    return turn.merge.Front() != nullptr || IsGapDue(nullptr);
+    return front != nullptr || IsGapDue(nullptr);
 }
 
 bool Delivery::DeliverMerged(Turn& turn) {
