@@ -409,8 +409,9 @@ Consumers::Calls::Calls(Consumers& consumers, DeliveryCalls& turn) noexcept
 void Consumers::Calls::Enter() noexcept {
     m_now.section.Enter();
     m_isInside = true;
-    m_removals = m_consumers.m_asynchronous.Removals();
-    m_timed = nullptr; // whoever was called last may have gone
+    const std::uint32_t removals = m_consumers.m_asynchronous.Removals();
+    if (std::exchange(m_removals, removals) != removals)
+        m_timed = nullptr; // whoever was called last may have gone
     m_start = StampClock::Ticks();
     m_now.since.store(m_start, std::memory_order_relaxed);
 }
