@@ -28,7 +28,7 @@ void Faults::SetHandler(Handler&& handler, unsigned int lagMilliseconds) {
         if (state != nullptr && m_hasEnded)
             return;
         m_hasHandler.store(state != nullptr, std::memory_order_relaxed);
-        m_state.swap(state);
+        m_state->swap(state);
     }
     const std::uint32_t seen = m_telling.Read();
     if (Section::IsInside(seen) && !t_thread.isDeliveryThread) // which may be inside of that call
@@ -43,9 +43,10 @@ void Faults::Note(Reason reason, std::uint64_t count, Fill fill) noexcept {
     if (!HasHandler())
         return;
     const korsys::MutexLock lock(m_lock);
-    if (m_state == nullptr)
+    if (*m_state == nullptr)
         return;
-    std::vector<MetricsError>& waiting = m_state->reasons[static_cast<std::size_t>(reason)].waiting;
+    std::vector<MetricsError>& waiting =
+        (*m_state)->reasons[static_cast<std::size_t>(reason)].waiting;
     try {
         // What happens once to each consumer or file is kept for each.
         const bool isKept =
@@ -111,16 +112,16 @@ bool Faults::TellAfter(std::uint64_t pause) {
         MetricsError error;
         {
             const korsys::MutexLock lock(m_lock);
-            if (m_state == nullptr)
+            if (*m_state == nullptr)
                 return hasTold;
             const std::uint64_t now = StampClock::Ticks();
-            Pending& pending = m_state->reasons[i];
+            Pending& pending = (*m_state)->reasons[i];
             if (pending.waiting.empty() || (pending.toldAt != 0 && now - pending.toldAt < pause))
                 continue;
             pending.toldAt = now;
             error = std::move(pending.waiting.front());
             pending.waiting.erase(pending.waiting.begin());
-            state = m_state;
+            state = *m_state;
             hasTold = true;
         }
         try {
