@@ -177,7 +177,8 @@ public:
     ///
     /// What is dropped is counted, and told to the asynchronous consumers: as soon as there is
     /// room, by one Custom event without context, source or category, whose values are "lost" and
-    /// the number, in the place of the first event that was lost.
+    /// the number, in the place of the first event that was lost. There is an event at least
+    /// between two of them; the second one is then told behind it.
     ///
     /// `milliseconds`, of the steady clock, is how long MetricsQueuePolicy::Wait waits.
     ///
