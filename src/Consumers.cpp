@@ -372,7 +372,6 @@ void Consumers::CallSynchronousBy(ThreadRecord& record, const MetricsEvent& even
              [&](Consumer& consumer) {
                  const auto count = [&](bool hasThrown) {
                      const std::uint64_t now = StampClock::Ticks();
-                     // A stamp of a coarse clock may lag behind.
                      CountSynchronousCall(record, consumer, hasThrown,
                                           now - std::exchange(start, now));
                  };
@@ -403,8 +402,7 @@ void Consumers::CallSynchronousQuietly(ThreadRecord& record, const MetricsEvent&
 // The delivery thread's calls ------------------------------------------------------------------
 
 Consumers::Calls::Calls(Consumers& consumers, DeliveryCalls& turn) noexcept
-    : m_consumers(consumers), m_now(turn), m_start(StampClock::Ticks()) {
-    m_now.since.store(m_start, std::memory_order_relaxed);
+    : m_consumers(consumers), m_now(turn) {
     Enter();
 }
 
@@ -413,7 +411,9 @@ void Consumers::Calls::Enter() noexcept {
     m_isInside = true;
     const std::uint32_t removals = m_consumers.m_asynchronous.Removals();
     if (std::exchange(m_removals, removals) != removals)
-        m_run = 0; // whoever was called last may have gone
+        m_timed = nullptr; // whoever was called last may have gone
+    m_start = StampClock::Ticks();
+    m_now.since.store(m_start, std::memory_order_relaxed);
 }
 
 void Consumers::Calls::Pause() noexcept {
@@ -422,17 +422,19 @@ void Consumers::Calls::Pause() noexcept {
 }
 
 void Consumers::Calls::Leave() noexcept {
+    if (!m_isInside)
+        return;
     if (!InForkedChild())
         Pause();
-    if (std::exchange(m_isInside, false))
-        m_now.section.Leave();
+    if (m_run != 0)
+        Account();
+    m_isInside = false;
+    m_now.section.Leave();
 }
 
 void Consumers::Calls::LetRemovalsGoOn() noexcept {
     if (m_isInside && m_removals == m_consumers.m_asynchronous.Removals()) [[likely]]
         return;
-    if (m_isInside && m_run != 0)
-        Account();
     Leave();
     Enter();
 }
@@ -464,6 +466,9 @@ bool Consumers::Calls::CallOne(Consumer& consumer, const MetricsEvent& event, pi
     }
     const std::uint64_t limit = std::uint64_t{consumer.options.maxCallMilliseconds} * 1'000'000;
     if (limit != 0) {
+        // What has passed since the last call is not this consumer's.
+        m_start = StampClock::Ticks();
+        m_now.since.store(m_start, std::memory_order_relaxed);
         m_now.limit.store(limit, std::memory_order_relaxed);
         m_now.consumer = &consumer;
         m_now.event = &event;
@@ -472,13 +477,23 @@ bool Consumers::Calls::CallOne(Consumer& consumer, const MetricsEvent& event, pi
         m_now.watched.store(++m_now.number, std::memory_order_release);
     }
     m_now.at.store(&consumer, std::memory_order_relaxed);
-    const bool hasThrown = CallQuietly(consumer, event);
+    // @return false when this thread was deposed in the call.
+    const auto endWatch = [this, limit] {
+        std::uint64_t watched = m_now.number;
+        return limit == 0 || InForkedChild() ||
+               m_now.watched.compare_exchange_strong(watched, DeliveryCalls::notWatched,
+                                                     std::memory_order_acq_rel);
+    };
+    bool hasThrown = false;
+    try {
+        hasThrown = CallQuietly(consumer, event);
+    } catch (...) { // the thread ends: nobody goes on behind a consumer that is not held any more
+        endWatch();
+        throw;
+    }
+    const bool isDeposed = !endWatch();
     m_now.at.store(nullptr, std::memory_order_relaxed);
     m_open = consumer.batch;
-    std::uint64_t watched = m_now.number;
-    const bool isDeposed = limit != 0 && !InForkedChild() &&
-                           !m_now.watched.compare_exchange_strong(
-                               watched, DeliveryCalls::notWatched, std::memory_order_acq_rel);
     Count(consumer.calls);
     if (hasThrown) [[unlikely]]
         Count(consumer.exceptions);
@@ -532,10 +547,11 @@ void Consumers::AddTurn(DeliveryCalls& turn) noexcept {
 }
 
 bool Consumers::Depose(DeliveryCalls& other, DeliveryCalls& own) noexcept {
-    std::uint64_t watched = other.watched.load(std::memory_order_relaxed);
+    // Acquire: since when, and the limit, are not those of an earlier call. Of a later one they may
+    // be; then this call has ended.
+    std::uint64_t watched = other.watched.load(std::memory_order_acquire);
     if (watched == DeliveryCalls::notWatched || watched == DeliveryCalls::deposed ||
-        StampClock::Ticks() - other.since.load(std::memory_order_relaxed) <=
-            other.limit.load(std::memory_order_relaxed))
+        other.NanosecondsInCall() <= other.limit.load(std::memory_order_relaxed))
         return false;
     // Inside before the other one is deposed: whoever waits for a removal finds one of them.
     own.section.Enter();
@@ -546,6 +562,11 @@ bool Consumers::Depose(DeliveryCalls& other, DeliveryCalls& own) noexcept {
     }
     other.consumer->isHeld.store(true, std::memory_order_relaxed);
     other.consumer->SetAside();
+    // Its other registrations as well: no asynchronous consumer is called by two threads at once.
+    for (Consumer* consumer = m_asynchronous.First(); consumer != nullptr;
+         consumer = consumer->next.load(std::memory_order_seq_cst))
+        if (consumer->listener.Get() == other.consumer->listener.Get())
+            consumer->SetAside();
     m_turn.store(&own, std::memory_order_release);
     return true;
 }
@@ -553,9 +574,9 @@ bool Consumers::Depose(DeliveryCalls& other, DeliveryCalls& own) noexcept {
 void Consumers::LeaveDeposed(DeliveryCalls& turn) noexcept {
     Consumer* const consumer = turn.consumer;
     const std::uint32_t registration = consumer->registration;
-    // Release: the end of the call, for who frees it.
+    // Release: the end of the call, for who frees it. The section was left before; until here the
+    // consumer is kept.
     consumer->isHeld.store(false, std::memory_order_release);
-    turn.section.Leave();
     m_asynchronous.FreeKept(consumer, registration);
 }
 
@@ -570,8 +591,7 @@ std::string Consumers::NowCalled(std::uint64_t& nanoseconds) const {
     const DeliveryCalls& turn = *m_turn.load(std::memory_order_acquire);
     const Consumer* const at = turn.at.load(std::memory_order_relaxed);
     std::string name = at == nullptr ? std::string() : m_asynchronous.NameOf(at);
-    nanoseconds =
-        name.empty() ? 0 : StampClock::Ticks() - turn.since.load(std::memory_order_relaxed);
+    nanoseconds = name.empty() ? 0 : turn.NanosecondsInCall();
     return name;
 }
 

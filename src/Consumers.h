@@ -137,6 +137,13 @@ struct DeliveryCalls {
     std::atomic<bool> isEventFree{false}; // deposed: the other one has done with the event
     std::atomic<DeliveryCalls*> next{nullptr};
 
+    /// For how long the present call lasts, if there is one.
+    std::uint64_t NanosecondsInCall() const noexcept {
+        const std::uint64_t from = since.load(std::memory_order_relaxed);
+        const std::uint64_t now = StampClock::Ticks();
+        return now > from ? now - from : 0; // another thread has read the clock
+    }
+
     bool IsDeposed() const noexcept { return watched.load(std::memory_order_acquire) == deposed; }
 };
 

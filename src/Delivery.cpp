@@ -126,6 +126,7 @@ Delivery& MakeDelivery() noexcept {
 
 void Delivery::Start() {
     s_threads.SetSwept(true);
+    m_oldest.store(StampClock::Ticks(), std::memory_order_relaxed);
     ShareReading();
     try {
         m_first.thread.Start(&RunFirst, &m_first);
@@ -226,9 +227,12 @@ void Delivery::Run(Turn& turn) {
         m_isWoken.store(false, std::memory_order_relaxed);
         ShareReading();
         const std::uint64_t flush = m_flushes.Take();
+        const std::uint64_t ticks = StampClock::Ticks();
         const std::uint64_t now = s_stampClock.Now();
         // Acquire: whoever has set it has published what it emitted before.
         const std::uint64_t end = m_end.load(std::memory_order_acquire);
+        // At the end, all that began before it; and no more, since emitters may go on to lose.
+        m_gapsUntil = end <= now ? StampClock::Ticks() : ticks;
         m_delivered = 0;
         s_queueLimit.SetThreads(s_threads.Size());
         LookAtMemory();
@@ -268,9 +272,14 @@ void Delivery::Run(Turn& turn) {
         LeaveDeposed(turn);
         return;
     }
+    FreeTurn(turn);
+    End();
+}
+
+void Delivery::FreeTurn(Turn& turn) {
     turn.merge.Free();
     turn.event = DeliveredEvent();
-    End();
+    turn.gapEvent = MetricsEvent();
 }
 
 void Delivery::ShareReading() {
@@ -284,7 +293,6 @@ void Delivery::ShareReading() {
 bool Delivery::DeliverUpTo(Turn& turn, std::uint64_t cut) {
     try {
         do {
-            m_oldest.store(StampClock::Ticks(), std::memory_order_relaxed);
             if (!LookAtQueues(turn, cut))
                 return true;
         } while (!DeliverMerged(turn));
@@ -296,6 +304,7 @@ bool Delivery::DeliverUpTo(Turn& turn, std::uint64_t cut) {
 
 bool Delivery::LookAtQueues(Turn& turn, std::uint64_t cut) {
     const Reading reading(*this);
+    const std::uint64_t ticks = StampClock::Ticks();
     turn.merge.Begin(cut);
     std::size_t bytes = 0;
     for (ThreadRecord* record = s_threads.First(); record != nullptr; record = record->next) {
@@ -312,13 +321,15 @@ bool Delivery::LookAtQueues(Turn& turn, std::uint64_t cut) {
         turn.merge.Add(record->queue, record->owner.load(std::memory_order_relaxed));
     }
     turn.merge.Order();
+    const Record* const front = turn.merge.Front();
+    m_oldest.store(front == nullptr ? ticks : front->ticks, std::memory_order_relaxed);
     m_seenDrops = m_drops;
     if (m_dropGap.lost != 0) {
         m_gap.Add(m_dropGap.lost, m_dropGap.ticks, m_dropGap.wall);
         m_dropGap = Gap();
     }
     s_ledger.SeeQueuedBytes(bytes);
-    return turn.merge.Front() != nullptr || m_gap.lost != 0;
+    return front != nullptr || IsGapDue(nullptr);
 }
 
 bool Delivery::DeliverMerged(Turn& turn) {
@@ -345,18 +356,22 @@ bool Delivery::DeliverMerged(Turn& turn) {
             if (m_drops != m_seenDrops) [[unlikely]]
                 return false; // others have read: looked at anew
             Record* const record = turn.merge.Front();
-            isBehindGap = m_gap.lost != 0 && (record == nullptr || record->ticks > m_gap.ticks);
+            isBehindGap = IsGapDue(record);
             if (record == nullptr && !isBehindGap)
                 break;
             if (!isBehindGap) [[likely]] {
                 m_oldest.store(record->ticks, std::memory_order_relaxed);
+                m_lastTicks = record->ticks;
+                m_lastWall = record->wall;
+                m_isBehindRecord = true;
                 event = &turn.event.Make(*record, turn.merge.Queue());
                 emitter = turn.merge.Emitter();
                 turn.merge.Pop();
             }
         }
         if (isBehindGap) {
-            isGoingOn = TellGap(calls);
+            MakeGapEvent(turn.gapEvent);
+            isGoingOn = calls.Call(turn.gapEvent, 0);
         } else {
             ++m_delivered;
             isGoingOn = calls.Call(*event, emitter);
@@ -387,7 +402,7 @@ struct Delivery::FurtherTurn {
     DeliveryCalls calls;
     Turn turn;
 
-    explicit FurtherTurn(Delivery& delivery) : turn{delivery, calls, {}, {}, {}} {}
+    explicit FurtherTurn(Delivery& delivery) : turn{delivery, calls, {}, {}, {}, {}} {}
 };
 
 void Delivery::Watch(std::uint32_t milliseconds) {
@@ -451,7 +466,9 @@ void Delivery::TakeOver(Turn& turn, DeliveryCalls& other) {
 bool Delivery::GoOnBehind(Turn& turn, DeliveryCalls& other) {
     Consumers::Calls calls(s_consumers, turn.calls);
     const bool isGoingOn = calls.CallBehind(other);
-    if (!isGoingOn && !InForkedChild())
+    if (isGoingOn)
+        calls.EndBatch(); // nothing may follow
+    else if (!InForkedChild())
         WaitForEvent(turn);
     other.isEventFree.store(true, std::memory_order_release);
     return isGoingOn;
@@ -464,6 +481,7 @@ void Delivery::WaitForEvent(const Turn& turn) {
 
 void Delivery::LeaveDeposed(Turn& turn) {
     s_consumers.LeaveDeposed(turn.calls);
+    FreeTurn(turn);
     m_threads.fetch_sub(1, std::memory_order_relaxed);
     turn.hasLeft.store(true, std::memory_order_release);
 }
@@ -477,6 +495,8 @@ bool DropsOldest() noexcept {
 bool MakeRoom(std::size_t bytes) noexcept {
     Delivery* const delivery = FindDelivery();
     const std::uint64_t limit = s_queueLimit.Bytes();
+    if (limit == 0) // lifted a moment ago
+        return s_queueLimit.Take(bytes);
     if (delivery == nullptr || bytes > limit)
         return false;
     delivery->WakeOnce();
@@ -513,20 +533,39 @@ void Delivery::Gap::Add(std::uint64_t count, std::uint64_t firstTicks,
     }
 }
 
-bool Delivery::TellGap(Consumers::Calls& calls) {
-    MetricsEvent event;
+bool Delivery::IsGapDue(const Record* next) const noexcept {
+    if (m_gap.lost == 0)
+        return false;
+    if (next == nullptr) // what follows may be older than a gap that began a moment ago
+        return m_gap.ticks <= m_gapsUntil;
+    // One event at least between two gaps, or consumers that are slower than the emitters would be
+    // told of nothing else.
+    return m_isBehindRecord && m_gap.ticks < next->ticks;
+}
+
+void Delivery::MakeGapEvent(MetricsEvent& event) {
+    event = MetricsEvent();
     event.eventType = MetricsEventType::Custom;
     event.param1 = MetricsValue("lost");
     event.param2 = MetricsValue(m_gap.lost);
-    PutStamp(m_gap.ticks, m_gap.wall, event);
+    // Not before what was delivered, where it could not be told at its own place.
+    if (m_gap.ticks > m_lastTicks) {
+        m_lastTicks = m_gap.ticks;
+        m_lastWall = m_gap.wall;
+    }
+    PutStamp(m_lastTicks, m_lastWall, event);
     m_gap = Gap();
-    return calls.Call(event, 0);
+    m_isBehindRecord = false;
 }
 
 bool Delivery::DropOldest(std::size_t bytes) noexcept {
     // Acquire: the thread has read without the lock before.
     if (!m_isShared.load(std::memory_order_acquire) || !m_reading.TryLock())
         return false;
+    if (!m_isShared.load(std::memory_order_relaxed)) { // no more
+        m_reading.Unlock();
+        return false;
+    }
     Remains remains; // destroyed behind the lock
     bool isTaken = false;
     const auto more =
@@ -534,9 +573,8 @@ bool Delivery::DropOldest(std::size_t bytes) noexcept {
     try {
         Merge merge;
         merge.Begin(std::numeric_limits<std::uint64_t>::max());
-        if (m_isShared.load(std::memory_order_relaxed))
-            for (ThreadRecord* record = s_threads.First(); record != nullptr; record = record->next)
-                merge.Add(record->queue, 0);
+        for (ThreadRecord* record = s_threads.First(); record != nullptr; record = record->next)
+            merge.Add(record->queue, 0);
         merge.Order();
         ++m_drops;
         while (!(isTaken = s_queueLimit.Take(bytes + more)) && merge.Front() != nullptr) {
@@ -559,8 +597,7 @@ bool Delivery::DropOldest(std::size_t bytes) noexcept {
 }
 
 void Delivery::WaitForSharing(Deadline deadline) const noexcept {
-    PollUntil(deadline,
-              [this] { return m_isShared.load(std::memory_order_relaxed) || !IsStarted(); });
+    PollUntil(deadline, [this] { return SharesReading() || !IsEverStarted() || HasEnded(); });
 }
 
 void Delivery::WakeOnce() noexcept {
@@ -623,6 +660,10 @@ void Delivery::End() {
     s_consumers.ReleaseAll(Deadline::max()); // may call back
     if (InForkedChild())
         return;
+    {
+        const korsys::MutexLock lock(m_reading); // an emitter may be at it
+        m_isShared.store(false, std::memory_order_release);
+    }
     for (ThreadRecord* record = s_threads.First(); record != nullptr; record = record->next) {
         const std::uint64_t before = record->queue.Taken();
         record->queue.Discard(record->queue.Published()); // what came behind the end

@@ -137,6 +137,7 @@ private:
         TimedThread thread;
         Merge merge;
         DeliveredEvent event;
+        MetricsEvent gapEvent;            // here, since another thread may go on with it
         std::atomic<bool> hasLeft{false}; // nothing of ours is touched any more
         std::atomic<Turn*> next{nullptr}; // in the order of their starts
     };
@@ -156,6 +157,7 @@ private:
     static void RunStandby(void* turn);
     void Init();
     void Run(Turn& turn);
+    static void FreeTurn(Turn& turn);
     void LeaveDeposed(Turn& turn);
     void StartStandby() KORSYS_REQUIRES(m_watchLock);
     void TakeOver(Turn& turn, DeliveryCalls& other);
@@ -165,13 +167,14 @@ private:
     bool GoOnBehind(Turn& turn, DeliveryCalls& other);
     static void WaitForEvent(const Turn& turn);
     void ShareReading();
-    bool TellGap(Consumers::Calls& calls);
+    bool IsGapDue(const Record* next) const noexcept;
+    void MakeGapEvent(MetricsEvent& event);
     void NoteFaults();
     void LookAtMemory() noexcept;
     void BalanceMemory() noexcept;
     void End();
 
-    Turn m_first{*this, s_consumers.FirstTurn(), {}, {}, {}};
+    Turn m_first{*this, s_consumers.FirstTurn(), {}, {}, {}, {}};
     korsys::Mutex m_watchLock;
     std::atomic<Turn*> m_standby{nullptr};     // written under that lock
     std::atomic<unsigned int> m_watchPause{0}; // ms
@@ -201,8 +204,12 @@ private:
     // The thread's own.
     std::uint64_t m_seenDrops = 0; // m_drops when the queues were looked at
     Gap m_gap;
-    std::size_t m_delivered = 0; // in this batch
-    std::size_t m_peak = 0;      // chunks that bursts have lately needed
+    std::uint64_t m_gapsUntil = 0; // ticks; those that began later wait for the next batch
+    std::uint64_t m_lastTicks = 0; // of the last event delivered, or gap
+    std::uint64_t m_lastWall = 0;
+    bool m_isBehindRecord = true; // it was not a gap
+    std::size_t m_delivered = 0;  // in this batch
+    std::size_t m_peak = 0;       // chunks that bursts have lately needed
     Deadline m_peakAt{};
     Deadline m_trimAt{};         // when memory may be given back again
     std::size_t m_untrimmed = 0; // free chunks that could not be given back last time

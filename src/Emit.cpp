@@ -107,9 +107,10 @@ bool ShowToSynchronousConsumers(ThreadRecord& record, const Stamp& stamp,
         throw;
     }
     // A consumer may have forked, and this be the child; or have ended the library.
-    if (!s_life.Accepts())
+    const bool goesOn = s_life.Accepts(); // asked once, or it might be neither lost nor queued
+    if (!goesOn)
         Count(record.losses.toShutdown);
-    return s_life.Accepts();
+    return goesOn;
 }
 
 /// With synchronous consumers: the event is made here, shown to them, and its values handed over.

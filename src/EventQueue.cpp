@@ -151,8 +151,10 @@ std::size_t EventQueue::QueuedBytes() const noexcept {
     const auto below = [](std::uint64_t taken, std::uint64_t all) {
         return static_cast<std::size_t>(all > taken ? all - taken : 0);
     };
-    // What was taken first, so that the difference is rather too large than too small.
-    const std::uint64_t taken = Position(Read(), m_entered.load(std::memory_order_relaxed));
+    // What was taken first, so that the difference is rather too large than too small. Acquire:
+    // once the queue was released, nothing of before is seen as appended.
+    const std::byte* const read = m_read.load(std::memory_order_acquire);
+    const std::uint64_t taken = Position(read, m_entered.load(std::memory_order_acquire));
     const std::uint64_t outsideTaken = m_outsideTaken.load(std::memory_order_relaxed);
     return below(taken, Position(Published(), m_begun.load(std::memory_order_relaxed))) +
            below(outsideTaken, m_outside.load(std::memory_order_relaxed));
@@ -195,7 +197,9 @@ void EventQueue::Destroy(Record& record, Remains& remains) {
     if (record.first == Record::Form::Shared) {
         remains.events.push_back(record.SharedEvent());
     } else {
-        remains.values.reserve(remains.values.size() + 2); // or it throws in the middle
+        // Or it throws in the middle. Twice as much: as much as needed would be copied each time.
+        if (remains.values.capacity() - remains.values.size() < 2)
+            remains.values.reserve(2 * remains.values.capacity() + 2);
         ForEachValue(record, [&remains](MetricsValue& value, Outside) {
             remains.values.push_back(std::move(value));
         });
@@ -229,12 +233,13 @@ void EventQueue::Release() noexcept {
     s_queueLimit.Give(last->charged.load(std::memory_order_relaxed) - m_givenBack);
     m_givenBack = 0;
     s_chunks.Put(*last);
-    m_read.store(nullptr, std::memory_order_relaxed);
-    m_entered.store(0, std::memory_order_relaxed);
-    m_begun.store(0, std::memory_order_relaxed);
     m_first = nullptr;
     m_roomEnd = nullptr;
+    // What was appended first: see QueuedBytes.
     m_published.store(nullptr, std::memory_order_relaxed);
+    m_begun.store(0, std::memory_order_relaxed);
+    m_entered.store(0, std::memory_order_release);
+    m_read.store(nullptr, std::memory_order_release);
 }
 
 } // namespace Metrics::detail

@@ -216,8 +216,9 @@ public:
     std::uint64_t Taken() const noexcept { return m_taken.load(std::memory_order_acquire); }
     std::uint64_t Appended() const noexcept { return m_appended.load(std::memory_order_relaxed); }
 
-    /// The memory that waiting records take, in the chunks and outside. Exact while nobody takes
-    /// any; otherwise it may be too much, by what is taken and appended meanwhile.
+    /// The memory that waiting records take, in the chunks and outside. Exact while nobody appends
+    /// or takes. For the one who takes it is off by a chunk at most; for anybody else it may be
+    /// larger by what came and went in between.
     std::size_t QueuedBytes() const noexcept;
 
 private:

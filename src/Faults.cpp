@@ -1,5 +1,6 @@
 #include "Faults.h"
 
+#include "Lifecycle.h"
 #include "StampClock.h"
 #include "ThreadTable.h"
 
@@ -16,7 +17,7 @@ constinit Faults s_faults;
 using Reason = MetricsError::Reason;
 
 void Faults::SetHandler(Handler&& handler, unsigned int lagMilliseconds) {
-    std::shared_ptr<State> state; // made before the lock is taken, the former one freed behind it
+    std::shared_ptr<State> state; // made before the lock is taken, what is let go freed behind it
     if (handler != nullptr) {
         state = std::make_shared<State>();
         state->handler = std::move(handler);
@@ -24,6 +25,8 @@ void Faults::SetHandler(Handler&& handler, unsigned int lagMilliseconds) {
     m_lag.store(std::uint64_t{lagMilliseconds} * 1'000'000, std::memory_order_relaxed);
     {
         const korsys::MutexLock lock(m_lock);
+        if (state != nullptr && m_hasEnded)
+            return;
         m_hasHandler.store(state != nullptr, std::memory_order_relaxed);
         m_state->swap(state);
     }
@@ -42,15 +45,21 @@ void Faults::Note(Reason reason, std::uint64_t count, Fill fill) noexcept {
     const korsys::MutexLock lock(m_lock);
     if (*m_state == nullptr)
         return;
-    Pending& pending = (*m_state)->pending[static_cast<std::size_t>(reason)];
+    std::vector<MetricsError>& waiting =
+        (*m_state)->reasons[static_cast<std::size_t>(reason)].waiting;
     try {
-        if (!pending.isThere) {
-            pending.first = MetricsError();
-            pending.first.reason = reason;
-            fill(pending.first);
-            pending.isThere = true;
+        // What happens once to each consumer or file is kept for each.
+        const bool isKept =
+            waiting.empty() ||
+            ((reason == Reason::ConsumerSetAside || reason == Reason::WriteFailed) &&
+             waiting.size() < mostWaiting);
+        if (isKept) {
+            MetricsError error;
+            error.reason = reason;
+            fill(error);
+            waiting.push_back(std::move(error));
         }
-        pending.first.count += count;
+        waiting.back().count += count;
     } catch (const std::bad_alloc&) {
         // No memory for what is to be told: the next one of the reason may be luckier.
     }
@@ -93,9 +102,10 @@ void Faults::NoteLag(std::uint64_t nanoseconds) noexcept {
 
 // What is told ---------------------------------------------------------------------------------
 
-void Faults::TellAfter(std::uint64_t pause) {
+bool Faults::TellAfter(std::uint64_t pause) {
+    bool hasTold = false;
     if (!HasHandler())
-        return;
+        return hasTold;
     const SectionGuard guard(m_telling);
     for (std::size_t i = 0; i < reasons; ++i) {
         std::shared_ptr<State> state;
@@ -103,22 +113,26 @@ void Faults::TellAfter(std::uint64_t pause) {
         {
             const korsys::MutexLock lock(m_lock);
             if (*m_state == nullptr)
-                return;
+                return hasTold;
             const std::uint64_t now = StampClock::Ticks();
-            Pending& pending = (*m_state)->pending[i];
-            if (!pending.isThere || (pending.toldAt != 0 && now - pending.toldAt < pause))
+            Pending& pending = (*m_state)->reasons[i];
+            if (pending.waiting.empty() || (pending.toldAt != 0 && now - pending.toldAt < pause))
                 continue;
-            pending.isThere = false;
             pending.toldAt = now;
-            error = std::move(pending.first);
+            error = std::move(pending.waiting.front());
+            pending.waiting.erase(pending.waiting.begin());
             state = *m_state;
+            hasTold = true;
         }
         try {
             state->handler(error);
         } catch (abi::__forced_unwind&) {
             throw; // glibc ends the thread by it, and it must pass
         } catch (...) {}
+        if (InForkedChild()) // the handler has forked; another thread may have held the lock
+            return false;
     }
+    return hasTold;
 }
 
 void Faults::Tell() {
@@ -126,7 +140,17 @@ void Faults::Tell() {
 }
 
 void Faults::TellLast() {
-    TellAfter(0);
+    // All that waits; what the handler itself brings about need not be told without end.
+    for (std::size_t i = 0; i < mostWaiting && TellAfter(0); ++i) {}
+    if (!InForkedChild())
+        Close();
+}
+
+void Faults::Close() {
+    {
+        const korsys::MutexLock lock(m_lock);
+        m_hasEnded = true;
+    }
     SetHandler(nullptr, 0);
 }
 

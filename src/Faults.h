@@ -9,16 +9,19 @@
 #include <korsys/Mutex.h>
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace Metrics::detail {
 
 /// What went wrong and nobody was told, until the delivery thread tells the application's handler.
-/// Of each reason the first one is kept, and how many there were; without a handler nothing is.
+/// Of each reason the first one is kept, and how many there were; every consumer that was set aside
+/// and every file whose write failed. Without a handler nothing is.
 ///
 /// Thread-safety: safe from any thread at any time; Tell is the delivery thread's.
 class Faults {
@@ -48,6 +51,8 @@ public:
     void Tell() KORSYS_EXCLUDES(m_lock);
     /// The same without regard to the time, and lets the handler go.
     void TellLast() KORSYS_EXCLUDES(m_lock);
+    /// Lets the handler go, and takes none from here on.
+    void Close() KORSYS_EXCLUDES(m_lock);
 
     /// In a forked child.
     void ResetLock() noexcept;
@@ -55,25 +60,27 @@ public:
 private:
     static constexpr std::size_t reasons =
         static_cast<std::size_t>(MetricsError::Reason::DeliveryLags) + 1;
+    static constexpr std::size_t mostWaiting = 64; // of one reason
 
-    /// What waits to be told of one reason.
+    /// What waits to be told of one reason: one, or as many as there are consumers or files.
     struct Pending {
-        bool isThere = false;
-        MetricsError first;
+        std::vector<MetricsError> waiting;
         std::uint64_t toldAt = 0; // ticks; 0: never
     };
     struct State {
         Handler handler;
-        std::array<Pending, reasons> pending; // the lock
+        std::array<Pending, Faults::reasons> reasons; // the lock
     };
 
     template <class Fill>
     void Note(MetricsError::Reason reason, std::uint64_t count, Fill fill) noexcept
         KORSYS_EXCLUDES(m_lock);
-    void TellAfter(std::uint64_t pause) KORSYS_EXCLUDES(m_lock);
+    /// @return whether there was anything to tell.
+    bool TellAfter(std::uint64_t pause) KORSYS_EXCLUDES(m_lock);
 
     korsys::Mutex m_lock;
     NeverDestroyed<std::shared_ptr<State>> m_state KORSYS_GUARDED_BY(m_lock);
+    bool m_hasEnded KORSYS_GUARDED_BY(m_lock) = false;
     std::atomic<bool> m_hasHandler{false};
     std::atomic<std::uint64_t> m_lag{0}; // ns; 0: not to be told
     std::array<std::uint64_t, lossReasons> m_noted{};

@@ -6,6 +6,7 @@
 #include "StampClock.h"
 #include "ThreadTable.h"
 
+#include <algorithm>
 #include <new>
 
 namespace Metrics::detail {
@@ -13,8 +14,8 @@ namespace Metrics::detail {
 constinit Ledger s_ledger;
 
 void Ledger::SeeQueuedBytes(std::uint64_t bytes) noexcept {
-    std::uint64_t peak = m_peak.load(std::memory_order_relaxed);
-    while (bytes > peak && !m_peak.compare_exchange_weak(peak, bytes, std::memory_order_relaxed)) {}
+    if (bytes > m_peak.load(std::memory_order_relaxed))
+        m_peak.store(bytes, std::memory_order_relaxed);
 }
 
 MetricsStatistics Ledger::Counts() noexcept {
@@ -61,7 +62,9 @@ MetricsStatistics Ledger::Counts() noexcept {
         SeeQueuedBytes(now.queuedBytes);
     now.peakQueuedBytes = m_peak.load(std::memory_order_relaxed);
     now.threads = s_threads.Size();
-    now.oldestNanoseconds = now.queued == 0 ? 0 : StampClock::Ticks() - now.oldestNanoseconds;
+    const std::uint64_t ticks = StampClock::Ticks(); // the other one is another thread's
+    now.oldestNanoseconds =
+        now.queued == 0 || ticks < now.oldestNanoseconds ? 0 : ticks - now.oldestNanoseconds;
     return now;
 }
 

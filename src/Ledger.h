@@ -27,6 +27,7 @@ public:
     /// @throws std::bad_alloc
     MetricsStatistics Read() KORSYS_EXCLUDES(m_lock);
 
+    /// Delivery thread only.
     void SeeQueuedBytes(std::uint64_t bytes) noexcept;
 
     /// Keeps the figures of the present registrations, which are about to end.

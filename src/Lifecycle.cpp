@@ -143,6 +143,7 @@ bool Lifecycle::EndUntil(steady_clock::time_point& deadline) noexcept {
         const bool wasEnabled = Accepts(); // and the thread could not be started
         m_phase = Phase::Off;
         SwitchMaskOff();
+        s_faults.Close();
         if (wasEnabled) {
             s_ledger.KeepConsumers();
             s_consumers.ReleaseAll(deadline);

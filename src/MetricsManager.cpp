@@ -159,7 +159,8 @@ void MetricsManager::SetQueueLimit(std::uint64_t bytes, MetricsQueuePolicy polic
 void MetricsManager::SetErrorHandler(std::function<void(const MetricsError&)> handler,
                                      unsigned int lagMilliseconds) {
     s_life.NoticeFork();
-    if (!IsOff())
+    // Also when the library is off: a thread that has not ended in time may still call the old one.
+    if (!detail::InForkedChild())
         detail::s_faults.SetHandler(std::move(handler), lagMilliseconds);
 }
 

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 
 namespace Metrics::detail {
 
@@ -53,7 +54,10 @@ public:
     }
 
     /// @return false, charging nothing, when so many bytes are not free.
-    bool Take(std::size_t bytes) noexcept { return TakeUpTo(Bytes(), bytes); }
+    bool Take(std::size_t bytes) noexcept {
+        const std::uint64_t limit = Bytes(); // 0: there was one a moment ago
+        return TakeUpTo(limit != 0 ? limit : std::numeric_limits<std::uint64_t>::max(), bytes);
+    }
     bool TakeUpTo(std::uint64_t limit, std::size_t bytes) noexcept;
     /// The same, but first does what the policy says.
     bool TakeOrMakeRoom(std::size_t bytes) noexcept {

@@ -177,7 +177,8 @@ public:
     ///
     /// What is dropped is counted, and told to the asynchronous consumers: as soon as there is
     /// room, by one Custom event without context, source or category, whose values are "lost" and
-    /// the number, in the place of the first event that was lost.
+    /// the number, in the place of the first event that was lost. There is an event at least
+    /// between two of them; the second one is then told behind it.
     ///
     /// `milliseconds`, of the steady clock, is how long MetricsQueuePolicy::Wait waits.
     ///
@@ -193,7 +194,8 @@ public:
     /// thread, between two batches, at most once a second for each reason, and a last time at the
     /// end, after which it is released. What it throws is dropped. An empty function: none, as at
     /// first. Once it has returned, the former handler is not called any more; inside of the
-    /// handler, once that call has ended.
+    /// handler or a consumer on the delivery thread, once that call has ended. Behind the end it
+    /// takes none.
     ///
     /// Thread-safety: safe from any thread at any time.
     /// Cost: takes a lock for a few instructions; waits for a call of the former handler;

@@ -30,7 +30,8 @@ struct MetricsConsumerOptions {
     /// registration stays. 0: never.
     std::uint32_t maxExceptions = 0;
     /// A call that takes longer has it set aside. While an asynchronous consumer is in such a call,
-    /// a second delivery thread goes on behind it with the others. 0: never.
+    /// a second delivery thread goes on behind it with the others; other asynchronous registrations
+    /// of the same listener are set aside with it. 0: never.
     std::uint32_t maxCallMilliseconds = 0;
 };
 
