@@ -234,8 +234,10 @@ int TraceFile::WriteDescription() {
         return errno;
     const bool isWritten = WriteAt(file, 0, text.data(), text.size());
     close(file);
-    if (!isWritten)
+    if (!isWritten) {
+        unlinkat(m_directory, unfinished, 0);
         return m_error.load(std::memory_order_relaxed);
+    }
     return renameat(m_directory, unfinished, m_directory, description) == 0 ? 0 : errno;
 }
 
@@ -292,7 +294,13 @@ void TraceFile::BeginPacket(std::uint64_t clock, std::uint64_t lag, std::int64_t
         const std::size_t capacity = std::max(usual, needed);
         m_packet.reset(); // not both at once
         m_capacity = 0;
-        m_packet = std::make_unique_for_overwrite<char[]>(capacity);
+        try {
+            m_packet = std::make_unique_for_overwrite<char[]>(capacity);
+        } catch (const std::bad_alloc&) {
+            Fail(ENOMEM);
+            m_discarded.fetch_add(1, std::memory_order_relaxed);
+            throw;
+        }
         m_capacity = capacity;
     }
     m_out = m_packet.get() + sizeof(TracePacketHeader);
@@ -384,6 +392,8 @@ bool TraceFile::MakeRoom(std::uint64_t size) {
         m_total -= m_parts.front().size;
         m_parts.pop_front();
     }
+    if (m_parts.empty() && m_file >= 0) // the newest one has gone as well
+        close(std::exchange(m_file, -1));
     return true;
 }
 
