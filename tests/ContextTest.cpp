@@ -409,6 +409,22 @@ TEST(Guard, EndsWhateverHasBecomeOfTheStack) {
     }
     EXPECT_EQ(CurrentId(), 6u);
 
+    // And so was all that was below: what the block leaves goes with it all the same.
+    OnAThread([] {
+        auto below = std::make_unique<Context>(0, 8);
+        auto guarded = std::make_unique<Context>(0, 9);
+        guarded->DetachFromThread();
+        std::unique_ptr<Context> left;
+        {
+            const ContextGuard guard(*guarded); // 8 |9
+            OnAThread([&] { below.reset(), guarded.reset(); });
+            EXPECT_EQ(CurrentId(), 0u);
+            left = std::make_unique<Context>(0, 10);
+            EXPECT_EQ(CurrentId(), 10u);
+        }
+        EXPECT_EQ(CurrentId(), 0u);
+    });
+
     // As a coroutine that suspends would: what is left behind does not outlive the next block.
     auto stray = std::make_unique<std::optional<ContextGuard>>();
     Context other(0, 7);

@@ -346,6 +346,18 @@ void TheQueueGrows() {
             VERIFY(succeeds(n, failures));
 }
 
+/// However many guards a thread has had, they leave nothing behind.
+void GuardsWithoutAllocating() {
+    const Session session;
+    Context context(0, Context::Create(true));
+    const auto guardTwice = [&context] { const ContextGuard outer(context), inner(context); };
+    guardTwice();
+    const int allocations = t_allocations;
+    for (int i = 0; i < 1000; ++i)
+        guardTwice();
+    VERIFY(t_allocations == allocations);
+}
+
 /// Texts are copied into the same two strings again and again: once these are there, the delivery
 /// thread allocates nothing, however long it goes on.
 void DeliversWithoutAllocating() {
@@ -383,5 +395,6 @@ int main(int argc, char** argv) {
     return RunCases(argc, argv,
                     {{"EveryOperation", EveryOperation, 600},
                      {"TheQueueGrows", TheQueueGrows, 600},
+                     {"GuardsWithoutAllocating", GuardsWithoutAllocating},
                      {"DeliversWithoutAllocating", DeliversWithoutAllocating}});
 }
