@@ -35,7 +35,8 @@ constexpr std::uint64_t usualPart = 64 << 20;
 constexpr std::uint64_t leastKept = 64 << 10;
 constexpr std::uint64_t keptParts = 8;
 constexpr std::int64_t oldest = 100'000'000; // ns; a packet in memory
-constexpr std::uint64_t looksAtClock = 16;   // events; the clock costs about as much as one
+constexpr std::uint64_t copiedAtOnce = 1 << 20;
+constexpr std::uint64_t looksAtClock = 16; // events; the clock costs about as much as one
 
 constexpr const char* description = "metadata";
 constexpr const char* unfinished = ".unfinished"; // readers skip what begins with a point
@@ -435,8 +436,8 @@ void TraceFile::Finish() noexcept {
     m_packet.reset();
 }
 
-/// Puts a copy without the padding in the place of the newest file. Where that does not succeed,
-/// the file is as good as it was. @return the reason, or 0.
+/// Puts a copy without the padding in the place of the newest file. Where that does not succeed, or
+/// takes longer than until the deadline, the file is as good as it was. @return the reason, or 0.
 int TraceFile::Trim() noexcept {
     const std::uint64_t bits = (m_end - m_lastPacket) * 8;
     const int copy =
@@ -447,11 +448,14 @@ int TraceFile::Trim() noexcept {
     int error = 0;
     std::uint64_t rest = m_end;
     for (off_t offset = 0; rest > 0 && error == 0;) {
-        const ssize_t sent = sendfile(copy, m_file, &offset, rest);
+        const ssize_t sent = sendfile(copy, m_file, &offset, std::min(rest, copiedAtOnce));
         if (sent > 0)
             rest -= static_cast<std::uint64_t>(sent);
         else
             error = reason(sent);
+        if (rest > 0 &&
+            std::chrono::steady_clock::now() > m_deadline.load(std::memory_order_relaxed))
+            error = ETIMEDOUT;
     }
     if (error == 0) {
         const ssize_t written =

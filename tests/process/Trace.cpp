@@ -494,6 +494,21 @@ void ClosesBeyondALimit() {
     IsWhole(10'000 - 1);
 }
 
+/// The end does not wait for the last file's being cut longer than it may, and loses nothing by it.
+void IsCutWhileThereIsTime() {
+    MetricsEvent event;
+    event.param1 = std::string(100'000, 'x');
+    for (const std::chrono::seconds time : {std::chrono::seconds(0), std::chrono::seconds(60)}) {
+        detail::TraceFile file(s_folder.path, 0);
+        for (int i = 0; i < 50; ++i)
+            file.Add(event);
+        VERIFY(file.CloseUntil(Clock::now() + time) && !file.HasFailed());
+        VERIFY((SizeOf(s_folder.path) < (6 << 20)) == (time.count() != 0));
+        VERIFY(ReadTrace(s_folder.path).events.size() == 50);
+        VERIFY(Complaints(s_folder.path).empty());
+    }
+}
+
 /// The memory of a huge event is kept no longer than it takes.
 void GivesTheMemoryOfAHugeEventBack() {
     const auto residentKiB = [] {
@@ -624,6 +639,11 @@ void OpensFolders() {
     VERIFY(errorOf(s_folder.path) == EEXIST);
     std::filesystem::remove(s_folder.path + "/metadata");
     VERIFY(errorOf(s_folder.path) == 0 && errorOf(s_folder.path) == 0);
+    s_diskIsFull = true;
+    VERIFY(errorOf(s_folder.path) == ENOSPC);
+    s_diskIsFull = false;
+    VERIFY(!std::filesystem::exists(s_folder.path + "/.unfinished"));
+    VERIFY(errorOf(s_folder.path) == 0);
 }
 
 } // namespace
@@ -645,6 +665,7 @@ int main(int argc, char** argv) {
         {"IsOnTheDiskBehindASlowConsumer", IsOnTheDiskBehindASlowConsumer, 60},
         {"ForksWhileItIsOpen", ForksWhileItIsOpen, 60},
         {"ClosesBeyondALimit", ClosesBeyondALimit, 60},
+        {"IsCutWhileThereIsTime", IsCutWhileThereIsTime, 60},
         {"OpensFolders", OpensFolders, 60}};
     if (sanitizer.empty()) { // whose allocators keep what is freed, and take more than is asked for
         cases.push_back({"GivesTheMemoryOfAHugeEventBack", GivesTheMemoryOfAHugeEventBack, 60});
