@@ -69,6 +69,22 @@ TEST(Context, NeedsNoScopeToClose) {
     EXPECT_EQ(transcript.Next(), "");
 }
 
+TEST(Context, StaysMuteWhenItsFirstUseIsNotRecorded) {
+    const Transcript transcript;
+    const std::string text = "text";
+    Context plain(0, 1), moved(0, 2), values(0, 3), late(0, 4);
+    transcript.Next();
+    for (const std::uint64_t mask : {std::uint64_t{0}, everyBit}) {
+        Manager().SetBitsAbsolute(mask);
+        plain.Emit(text, 1);
+        moved.Emit(std::string("text"));
+        values.Emit(MetricsValue(text), MetricsValue(1));
+    }
+    EXPECT_EQ(transcript.Next(), "");
+    late.Emit(text);
+    EXPECT_NE(transcript.Next().find("Custom s1 in 4: \"text\", 0\n"), std::string::npos);
+}
+
 TEST(Context, WithANameOpensItsScopeWhenItOpens) {
     const Transcript transcript;
     {
