@@ -176,7 +176,7 @@ bool TraceFile::Fail(int error) noexcept {
 
 // The folder ------------------------------------------------------------------------------------
 
-int TraceFile::Prepare() {
+int TraceFile::Prepare() try {
     if (mkdir(m_folder.c_str(), 0777) != 0 && errno != EEXIST)
         return errno;
     m_directory = open(m_folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -189,6 +189,8 @@ int TraceFile::Prepare() {
         static_cast<ssize_t>(m_uuid.size()))
         return errno;
     return WriteDescription();
+} catch (const std::bad_alloc&) {
+    return ENOMEM; // and the destructor lets go of the folder and its lock
 }
 
 bool TraceFile::IsOurs() const {
@@ -205,19 +207,24 @@ bool TraceFile::IsOurs() const {
 
 /// Takes nothing away but what was written here.
 int TraceFile::RemoveOldTrace() {
-    DIR* const entries = fdopendir(openat(m_directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (entries == nullptr)
+    const int folder = openat(m_directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (folder < 0)
         return errno;
+    const std::unique_ptr<DIR, int (*)(DIR*)> entries(fdopendir(folder), closedir);
+    if (entries == nullptr) {
+        const int error = errno;
+        close(folder);
+        return error;
+    }
     std::vector<std::string> parts;
     bool isOther = false;
-    while (const dirent* const entry = readdir(entries)) {
+    while (const dirent* const entry = readdir(entries.get())) {
         const std::string_view name = entry->d_name;
         if (name.starts_with(partPrefix))
             parts.emplace_back(name);
         else
             isOther = isOther || (name.front() != '.' && name != description);
     }
-    closedir(entries);
     const bool isEmpty = parts.empty() && faccessat(m_directory, description, F_OK, 0) != 0;
     if (isOther || (!isEmpty && !IsOurs()))
         return EEXIST;
