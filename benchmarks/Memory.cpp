@@ -8,6 +8,7 @@
 #include <array>
 #include <cstdio>
 #include <ctime>
+#include <filesystem>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -134,6 +135,47 @@ bool RunBursts(bench::Gate& gate, Metrics::Context& context) {
     return last < third + 8e6;
 }
 
+constexpr std::size_t recorded = 200'000; // events, four times in a row
+
+/// What the delivery thread works for each event of two numbers, in bursts that it delivers while
+/// they come; the least of four.
+double DeliveryNanoseconds(Metrics::Context& context) {
+    double least = 1e9;
+    for (int i = 0; i < 4; ++i) {
+        const double seconds = DeliverySeconds();
+        EmitBurst(context, recorded);
+        bench::Flush();
+        least = std::min(least, (DeliverySeconds() - seconds) * 1e9 / recorded);
+    }
+    return least;
+}
+
+double SizeOf(const std::filesystem::path& path) {
+    if (!std::filesystem::is_directory(path))
+        return static_cast<double>(std::filesystem::file_size(path));
+    double size = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(path))
+        size += static_cast<double>(entry.file_size());
+    return size;
+}
+
+/// The same for a client, and what it writes for each event.
+template <class Client>
+void PrintClient(const char* name, const std::string& option, Metrics::Context& context) {
+    const std::filesystem::path path = std::string("bench-") + name;
+    std::filesystem::remove_all(path);
+    Client client;
+    client.SetBits("act", false);
+    client.ProcessArgument(option + path.string());
+    client.Open();
+    const double nanoseconds = DeliveryNanoseconds(context);
+    client.Close(60'000);
+    std::printf(R"(,
+"%s": {"delivery_ns": %.2f, "bytes": %.2f})",
+                name, nanoseconds, SizeOf(path) / (4.0 * recorded));
+    std::filesystem::remove_all(path);
+}
+
 void PrintPerEvent(const char* name, double sum, double events = burst) {
     std::printf("\"%s\": %.6g,\n", name, sum / events);
 }
@@ -202,6 +244,12 @@ int main() {
     }
     std::printf(",\n");
     PrintSteadyFlow("to_nobody", context);
+    {
+        const bench::Registered<bench::CountingConsumer> consumer;
+        std::printf(",\n\"counting_ns\": %.2f", DeliveryNanoseconds(context));
+    }
+    PrintClient<Metrics::MetricsRawClient>("csv", "-raw=", context);
+    PrintClient<Metrics::MetricsTraceClient>("trace", "-trace=", context);
     std::printf("\n}\n");
     return isUsedAgain ? 0 : 1;
 }

@@ -161,6 +161,13 @@ def figures_table(f, shares, memory, crowd):
               "bytes", 96)
         for kind, value in memory["text_allocations"].items():
             row(f"allocations for a call with {kind}", f"{value:.3f}", "-", "-", "0", value < 0.001)
+    if memory and "trace" in memory:
+        for client, goals in (("trace", (40, 56)), ("csv", (None, None))):
+            title = f"delivery thread, {client} client, for each event, a counting consumer's taken off"
+            limit(title, memory[client]["delivery_ns"] - memory["counting_ns"], "ns", goals[0])
+            limit(f"{client} client, written for each event", memory[client]["bytes"], "bytes", goals[1])
+    ratio("LTTng-UST's consumer process, for each event", "lttng-consumer 1", "LTTng-UST, the emitter",
+          "lttng 1")
     if crowd:
         for name, title, goal in (("300 threads", "300 threads that compute and emit", 3),
                                   ("100 threads", "100 threads, in bursts of 3,000", None)):

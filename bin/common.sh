@@ -7,7 +7,8 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 # What every build needs.
 # shellcheck disable=SC2034 # used by those who source this
-build_packages=(g++ cmake ninja-build libcli11-dev nlohmann-json3-dev zlib1g-dev)
+build_packages=(g++ cmake ninja-build libcli11-dev nlohmann-json3-dev zlib1g-dev
+    libcurl4-openssl-dev libprotobuf-dev protobuf-compiler libxxhash-dev)
 
 say() { printf '==> %s\n' "$*"; }
 

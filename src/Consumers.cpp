@@ -416,7 +416,14 @@ void Consumers::Calls::Enter() noexcept {
         m_run = 0; // whoever was called last may have gone
 }
 
+void Consumers::Calls::Pause() noexcept {
+    if (m_open != nullptr)
+        std::exchange(m_open, nullptr)->OnPause();
+}
+
 void Consumers::Calls::Leave() noexcept {
+    if (!InForkedChild())
+        Pause();
     if (std::exchange(m_isInside, false))
         m_now.section.Leave();
 }
@@ -448,6 +455,7 @@ void Consumers::Calls::Account() noexcept {
 
 bool Consumers::Calls::CallOne(Consumer& consumer, const MetricsEvent& event, pid_t emitter) {
     if (m_timed != &consumer) {
+        Pause(); // the one that was called last
         if (m_run != 0)
             Account();
         m_timed = &consumer;
@@ -466,6 +474,7 @@ bool Consumers::Calls::CallOne(Consumer& consumer, const MetricsEvent& event, pi
     m_now.at.store(&consumer, std::memory_order_relaxed);
     const bool hasThrown = CallQuietly(consumer, event);
     m_now.at.store(nullptr, std::memory_order_relaxed);
+    m_open = consumer.batch;
     std::uint64_t watched = m_now.number;
     const bool isDeposed = limit != 0 && !InForkedChild() &&
                            !m_now.watched.compare_exchange_strong(
@@ -510,6 +519,7 @@ void Consumers::Calls::EndBatch() noexcept {
         consumer->batch->OnBatchEnd();
         m_now.at.store(nullptr, std::memory_order_relaxed);
     }
+    m_open = nullptr;
 }
 
 // A second delivery thread ---------------------------------------------------------------------

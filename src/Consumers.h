@@ -206,6 +206,7 @@ public:
 
     private:
         void LetRemovalsGoOn() noexcept;
+        void Pause() noexcept;
         bool CallFrom(Consumer* first, const MetricsEvent& event, pid_t emitter);
         bool CallOne(Consumer& consumer, const MetricsEvent& event, pid_t emitter);
         void Account() noexcept;
@@ -214,6 +215,7 @@ public:
         DeliveryCalls& m_now;
         bool m_isInside = false;
         std::uint32_t m_removals = 0;
+        BatchListener* m_open = nullptr; // to be told of a pause
 
         // The time of short calls is taken a few at once: to read the clock takes longer than they.
         static constexpr std::uint64_t runLength = 16;

@@ -20,18 +20,35 @@ public:
     /// Delivery thread only: puts the event in, unless the file is closed.
     /// @throws what Write throws
     void Add(const MetricsEvent& event) {
-        if (!m_door.Enter())
-            return;
-        const Leaving leaving{*this};
-        Write(event);
+        const Pausing pausing{*this};
+        Gather(event);
+    }
+
+    /// The same for one of several events in a row; Pause comes behind the last one. To go in and
+    /// out for each of them would take longer than to put it in.
+    void Gather(const MetricsEvent& event) {
+        if (!m_isInside)
+            m_isInside = m_door.Enter();
+        else if (m_door.IsClosing()) [[unlikely]]
+            Pause();
+        if (m_isInside)
+            Write(event);
+    }
+
+    /// Delivery thread only: behind the last Gather for now, before anything that may take long.
+    void Pause() noexcept {
+        if (m_isInside)
+            m_door.Leave([this] { Finish(); });
+        m_isInside = false;
     }
 
     /// Delivery thread only: no event comes for the time being.
     void EndBatch() noexcept {
-        if (!m_door.Enter())
-            return;
-        const Leaving leaving{*this};
-        Complete();
+        if (m_isInside || m_door.Enter()) {
+            m_isInside = true;
+            Complete();
+            Pause();
+        }
     }
 
     /// Afterwards nothing is written any more, also by a delivery thread that was given up: a write
@@ -59,14 +76,13 @@ protected:
     virtual void Finish() noexcept = 0;
 
 private:
-    struct Leaving {
+    struct Pausing {
         EventFile& file;
-        ~Leaving() {
-            file.m_door.Leave([this] { file.Finish(); });
-        }
+        ~Pausing() { file.Pause(); }
     };
 
     WriterDoor m_door;
+    bool m_isInside = false; // the delivery thread is
 };
 
 } // namespace Metrics::detail

@@ -25,7 +25,7 @@ void Faults::SetHandler(Handler&& handler, unsigned int lagMilliseconds) {
     {
         const korsys::MutexLock lock(m_lock);
         m_hasHandler.store(state != nullptr, std::memory_order_relaxed);
-        m_state.swap(state);
+        m_state->swap(state);
     }
     const std::uint32_t seen = m_telling.Read();
     if (Section::IsInside(seen) && !t_thread.isDeliveryThread) // which may be inside of that call
@@ -40,9 +40,9 @@ void Faults::Note(Reason reason, std::uint64_t count, Fill fill) noexcept {
     if (!HasHandler())
         return;
     const korsys::MutexLock lock(m_lock);
-    if (m_state == nullptr)
+    if (*m_state == nullptr)
         return;
-    Pending& pending = m_state->pending[static_cast<std::size_t>(reason)];
+    Pending& pending = (*m_state)->pending[static_cast<std::size_t>(reason)];
     try {
         if (!pending.isThere) {
             pending.first = MetricsError();
@@ -102,16 +102,16 @@ void Faults::TellAfter(std::uint64_t pause) {
         MetricsError error;
         {
             const korsys::MutexLock lock(m_lock);
-            if (m_state == nullptr)
+            if (*m_state == nullptr)
                 return;
             const std::uint64_t now = StampClock::Ticks();
-            Pending& pending = m_state->pending[i];
+            Pending& pending = (*m_state)->pending[i];
             if (!pending.isThere || (pending.toldAt != 0 && now - pending.toldAt < pause))
                 continue;
             pending.isThere = false;
             pending.toldAt = now;
             error = std::move(pending.first);
-            state = m_state;
+            state = *m_state;
         }
         try {
             state->handler(error);

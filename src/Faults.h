@@ -1,6 +1,7 @@
 #ifndef METRICS_SRC_FAULTS_H
 #define METRICS_SRC_FAULTS_H
 
+#include "NeverDestroyed.h"
 #include "Section.h"
 
 #include <metrics/MetricsError.h>
@@ -24,10 +25,7 @@ class Faults {
 public:
     using Handler = std::function<void(const MetricsError&)>;
 
-    constexpr Faults() noexcept : m_state() {}
-    ~Faults() {} // NOLINT(modernize-use-equals-default): nothing is destroyed
-    Faults(const Faults&) = delete;
-    Faults& operator=(const Faults&) = delete;
+    constexpr Faults() noexcept = default;
 
     /// See MetricsManager::SetErrorHandler. Waits for a call of the former one that is in progress.
     void SetHandler(Handler&& handler, unsigned int lagMilliseconds) KORSYS_EXCLUDES(m_lock);
@@ -35,7 +33,7 @@ public:
     /// A consumer threw what is being handled.
     void NoteException(const std::string& consumer) noexcept;
     void NoteSetAside(const std::string& consumer) noexcept;
-    void NoteFailedWrite(const std::string& path, int error) noexcept;
+    void NoteFailedWrite(const std::string& path, int number) noexcept;
     /// The totals so far, by reason from LostToLimit on; delivery thread only.
     static constexpr std::size_t lossReasons = 4;
     void NoteLosses(const std::array<std::uint64_t, lossReasons>& totals) noexcept;
@@ -75,9 +73,7 @@ private:
     void TellAfter(std::uint64_t pause) KORSYS_EXCLUDES(m_lock);
 
     korsys::Mutex m_lock;
-    union { // so that it is never destroyed
-        std::shared_ptr<State> m_state KORSYS_GUARDED_BY(m_lock);
-    };
+    NeverDestroyed<std::shared_ptr<State>> m_state KORSYS_GUARDED_BY(m_lock);
     std::atomic<bool> m_hasHandler{false};
     std::atomic<std::uint64_t> m_lag{0}; // ns; 0: not to be told
     std::array<std::uint64_t, lossReasons> m_noted{};

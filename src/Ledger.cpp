@@ -66,7 +66,7 @@ MetricsStatistics Ledger::Read() {
     s_consumers.Describe(now.consumers);
     if (now.consumers.empty()) {
         const korsys::MutexLock lock(m_lock);
-        now.consumers = m_consumers;
+        now.consumers = *m_consumers;
     }
     return now;
 }
@@ -75,14 +75,14 @@ void Ledger::KeepConsumers() noexcept try {
     std::vector<MetricsConsumerStatistics> consumers;
     s_consumers.Describe(consumers);
     const korsys::MutexLock lock(m_lock);
-    m_consumers.swap(consumers);
+    m_consumers->swap(consumers);
 } catch (const std::bad_alloc&) {
     // No memory to keep them in.
 }
 
 void Ledger::Free() noexcept {
     const korsys::MutexLock lock(m_lock);
-    std::vector<MetricsConsumerStatistics>().swap(m_consumers);
+    std::vector<MetricsConsumerStatistics>().swap(*m_consumers);
 }
 
 } // namespace Metrics::detail

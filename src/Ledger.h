@@ -1,6 +1,8 @@
 #ifndef METRICS_SRC_LEDGER_H
 #define METRICS_SRC_LEDGER_H
 
+#include "NeverDestroyed.h"
+
 #include <metrics/MetricsStatistics.h>
 
 #include <korsys/Mutex.h>
@@ -18,10 +20,7 @@ namespace Metrics::detail {
 /// Thread-safety: safe from any thread at any time.
 class Ledger {
 public:
-    constexpr Ledger() noexcept : m_consumers() {}
-    ~Ledger() {} // NOLINT(modernize-use-equals-default): nothing is destroyed
-    Ledger(const Ledger&) = delete;
-    Ledger& operator=(const Ledger&) = delete;
+    constexpr Ledger() noexcept = default;
 
     /// All but the consumers. Allocates nothing.
     MetricsStatistics Counts() noexcept;
@@ -38,9 +37,7 @@ public:
 private:
     std::atomic<std::uint64_t> m_peak{0};
     korsys::Mutex m_lock;
-    union { // so that it is never destroyed
-        std::vector<MetricsConsumerStatistics> m_consumers KORSYS_GUARDED_BY(m_lock);
-    };
+    NeverDestroyed<std::vector<MetricsConsumerStatistics>> m_consumers KORSYS_GUARDED_BY(m_lock);
 };
 
 extern constinit Ledger s_ledger;

@@ -18,8 +18,9 @@ class MetricsTraceClient::Listener final : public detail::BatchListener {
 public:
     Listener(const std::string& folder, std::uint64_t keptSize) : m_file(folder, keptSize) {}
 
-    void OnMetricsEvent(const MetricsEvent& event) override { m_file.Add(event); }
+    void OnMetricsEvent(const MetricsEvent& event) override { m_file.Gather(event); }
     void OnBatchEnd() noexcept override { m_file.EndBatch(); }
+    void OnPause() noexcept override { m_file.Pause(); }
 
     detail::TraceFile m_file;
 };

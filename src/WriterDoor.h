@@ -31,6 +31,11 @@ public:
         return m_state.compare_exchange_strong(expected, State::Inside, std::memory_order_acquire);
     }
 
+    /// Inside: whether the door was closed meanwhile.
+    bool IsClosing() const noexcept {
+        return m_state.load(std::memory_order_relaxed) == State::Closing;
+    }
+
     /// Calls `tidy` when the door was closed meanwhile.
     template <class Tidy>
     void Leave(Tidy&& tidy) {

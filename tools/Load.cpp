@@ -127,19 +127,20 @@ Run LoadRun(Names& names, const std::string& path, Reader& reader, const LoadObs
     return builder.Finish(reader.GetDamage());
 }
 
-void TellDamage(const Run& run, const LoadObserver& observer) {
-    constexpr std::size_t shown = 3;
-    const std::vector<std::uint64_t>& lines = run.damage.unreadableLines;
-    for (std::size_t i = 0; i < std::min(shown, lines.size()); ++i)
-        observer.problem(run.path + ":" + std::to_string(lines[i]) + ": not an event; left out");
-    if (lines.size() > shown)
-        observer.problem(run.path + ": " + std::to_string(lines.size() - shown) +
-                         " more lines that are no events; `metrics check` lists them");
-    if (run.damage.truncated)
-        observer.problem(run.path + ": the last line is cut short; left out");
-}
-
 } // namespace
+
+void TellDamage(const std::string& path, const Damage& damage,
+                const std::function<void(const std::string&)>& problem) {
+    constexpr std::size_t shown = 3;
+    const std::vector<std::uint64_t>& lines = damage.unreadableLines;
+    for (std::size_t i = 0; i < std::min(shown, lines.size()); ++i)
+        problem(path + ":" + std::to_string(lines[i]) + ": not an event; left out");
+    if (lines.size() > shown)
+        problem(path + ": " + std::to_string(lines.size() - shown) +
+                " more lines that are no events; `metrics check` lists them");
+    if (damage.truncated)
+        problem(path + ": the last line is cut short; left out");
+}
 
 Model Load(const std::vector<std::string>& paths, const LoadObserver& observer) {
     Model model;
@@ -147,7 +148,7 @@ Model Load(const std::vector<std::string>& paths, const LoadObserver& observer) 
         try {
             const std::unique_ptr<Reader> reader = OpenCsv(path);
             model.runs.push_back(LoadRun(model.names, path, *reader, observer));
-            TellDamage(model.runs.back(), observer);
+            TellDamage(path, model.runs.back().damage, observer.problem);
         } catch (const ReadError& error) {
             observer.problem(error.what());
         }

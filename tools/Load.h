@@ -22,6 +22,10 @@ struct LoadObserver {
 /// one that breaks off becomes a run what could be read.
 Model Load(const std::vector<std::string>& paths, const LoadObserver& observer = {});
 
+/// Tells of what could not be used of a file, in a few lines.
+void TellDamage(const std::string& path, const Damage& damage,
+                const std::function<void(const std::string&)>& problem);
+
 } // namespace Metrics::tools
 
 #endif // METRICS_TOOLS_LOAD_H

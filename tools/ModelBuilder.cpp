@@ -180,11 +180,17 @@ void ModelBuilder::AddAttribute(const Event& event) {
         return;
     if (name == m_pid || name == m_tid) {
         Context& context = m_run.contexts[index];
-        if (context.name == noName || name == m_pid) {
-            (name == m_pid ? m_run.pid : context.tid) = ToThread(event.second);
+        const std::int64_t number = ToThread(event.second);
+        if (name == m_pid && m_run.pid == noThread)
+            m_run.pid = number;
+        if (name == m_pid && number == m_run.pid && number != noThread)
+            return;
+        if (name == m_tid && context.name == noName) {
+            context.tid = number;
             return;
         }
-        m_foreignTid = {index, ToThread(event.second), m_run.attributes.size()};
+        if (name == m_tid)
+            m_foreignTid = {index, number, m_run.attributes.size()};
     }
     m_run.attributes.push_back({event.stamp, index, name, m_run.texts.Keep(event.second)});
 }

@@ -7,6 +7,10 @@
 #include "analysis/Diff.h"
 #include "analysis/Report.h"
 #include "analysis/Slow.h"
+#include "export/Chrome.h"
+#include "export/Otlp.h"
+#include "export/Send.h"
+#include "export/Table.h"
 #include "timeline/TimelinePage.h"
 #include "view/Views.h"
 
@@ -14,10 +18,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
+#include <cmath>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <iostream>
+#include <map>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -30,7 +37,7 @@ using namespace Metrics::tools;
 
 // The exit statuses, which docs/metrics-command.md tells.
 constexpr int allWell = 0;
-constexpr int notWell = 1; ///< `check` has found something
+constexpr int notWell = 1; ///< `check` has found something, or `send` was refused some spans
 constexpr int failed = 2;  ///< nothing could be read or written, or the arguments are wrong
 
 /// What the sub-commands have in common.
@@ -122,6 +129,15 @@ void AddAll(CLI::App* command, Options& options) {
     command->add_flag("--all", options.showAll, "Show every row");
 }
 
+void AddIdentity(CLI::App* command, std::string& service, std::string& host) {
+    command
+        ->add_option("--service", service,
+                     "The name of the service ($OTEL_SERVICE_NAME, or the file's name)")
+        ->option_text("NAME");
+    command->add_option("--host", host, "The machine that the run was recorded on (this one)")
+        ->option_text("NAME");
+}
+
 int RunReport(const Options& options) {
     Loader loader;
     const Model model = loader.Load(options);
@@ -182,6 +198,7 @@ int RunTop(const Options& options, double seconds, std::uint64_t times) {
     const std::unique_ptr<Reader> reader = OpenCsv(options.files.front(), true);
     EventBatch batch;
     TopFollower follower;
+    Top shown;
     LiveScreen screen(!options.asJson);
     for (std::uint64_t i = 0; times == 0 || i < times; ++i) {
         if (i > 0 && !screen.Wait(seconds))
@@ -189,14 +206,16 @@ int RunTop(const Options& options, double seconds, std::uint64_t times) {
         while (reader->Read(batch))
             for (const Event& event : batch.events)
                 follower.Add(event);
-        const Top top = follower.Take();
+        Top top = follower.Take();
         if (options.asJson) {
             std::cout << ToJson(top).dump(-1, ' ', false, Json::error_handler_t::replace)
                       << std::endl;
         } else {
             Style style = MakeStyle(options);
             style.mostRows = 10;
-            screen.Show([&](std::ostream& out) { PrintText(out, top, style); });
+            if (top.events > 0 || i == 0) // otherwise what was last known stays
+                shown = std::move(top);
+            screen.Show([&](std::ostream& out) { PrintText(out, shown, style); });
         }
         if (!std::cout)
             return failed;
@@ -219,6 +238,83 @@ int RunTimeline(const Options& options, std::uint64_t keep, const std::string& p
                {"requests", timeline.allRequests},
                {"requests_kept", timeline.keptRequests}});
     return loader.IsComplete() ? allWell : failed;
+}
+
+/// What `convert` is asked for beside the files.
+struct ConvertOptions {
+    std::vector<std::string> to; ///< a format, and perhaps a time
+    std::string path;
+    std::string service;
+    std::string host;
+    std::string from;
+    ChromeOptions chrome;
+};
+
+/// Seconds, or with a unit behind the number: s, ms, us, ns.
+std::uint64_t ToNanoseconds(const std::string& text) {
+    double number = 0;
+    const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
+    const std::string_view unit(result.ptr, text.data() + text.size());
+    const double factor = unit.empty() || unit == "s" ? 1e9
+                          : unit == "ms"              ? 1e6
+                          : unit == "us"              ? 1e3
+                          : unit == "ns"              ? 1
+                                                      : 0;
+    if (result.ec != std::errc() || factor == 0 || number < 0 || number * factor > 9e18)
+        throw std::runtime_error("no time: '" + text + "'");
+    return static_cast<std::uint64_t>(std::llround(number * factor));
+}
+
+int RunConvert(const Options& options, ConvertOptions wanted) {
+    std::string format;
+    for (const std::string& to : wanted.to) {
+        if (to == "otlp" || to == "chrome" || to == "table")
+            format = to;
+        else
+            wanted.chrome.to = ToNanoseconds(to);
+    }
+    if (!wanted.from.empty())
+        wanted.chrome.from = ToNanoseconds(wanted.from);
+    if (format.empty())
+        throw std::runtime_error("--to takes otlp, chrome or table");
+    const bool isPart =
+        wanted.to.size() > 1 || !wanted.from.empty() || wanted.chrome.slowest || wanted.chrome.root;
+    if (isPart && format != "chrome")
+        throw std::runtime_error("only --to chrome takes a part of a run");
+    Loader loader;
+    const Model model = loader.Load(options);
+    if (model.runs.empty())
+        return failed;
+    std::vector<RunIdentity> identities;
+    for (const Run& run : model.runs)
+        identities.push_back(
+            Identify(run.path, run.pid, run.wallOffset, wanted.service, wanted.host));
+    if (format == "otlp")
+        WriteOtlp(model, identities, wanted.path);
+    else if (format == "table")
+        WriteTables(model, identities, wanted.path);
+    else
+        WriteChrome(model, identities, wanted.chrome, wanted.path);
+    return loader.IsComplete() ? allWell : failed;
+}
+
+int RunSend(const Options& options, SendOptions wanted) {
+    wanted.paths = options.files;
+    const SendResult result = Send(wanted, [](const std::string& message) {
+        std::fprintf(stderr, "metrics: %s\n", message.c_str());
+    });
+    if (options.asJson)
+        Write({{"runs", result.runs},
+               {"spans", result.spans},
+               {"sent_before", result.sentBefore},
+               {"rejected", result.rejected},
+               {"requests", result.requests}});
+    else
+        std::cout << result.spans << " spans sent, " << result.sentBefore << " were sent before, "
+                  << result.rejected << " rejected\n";
+    if (!result.isComplete || result.runs != wanted.paths.size())
+        return failed;
+    return result.rejected == 0 ? allWell : notWell;
 }
 
 } // namespace
@@ -297,6 +393,72 @@ int main(int argc, char** argv) {
                      "requests; the others are summed up (1250000)")
         ->option_text("N");
     timeline->callback([&] { status = RunTimeline(options, keep, page); });
+
+    CLI::App* const convert =
+        app.add_subcommand("convert", "Write runs in a format that other programs read");
+    ConvertOptions wanted;
+    convert->add_option("RUN", options.files, "Files of events; - is the standard input")
+        ->required();
+    convert
+        ->add_option(
+            "--to", wanted.to,
+            "otlp: requests of OpenTelemetry in JSON, one a line; chrome: trace events in "
+            "JSON, for Perfetto and others; table: tables for SQL engines. Also the end of "
+            "what --from begins")
+        ->option_text("FORMAT|TIME")
+        ->required()
+        ->expected(1)
+        ->take_all();
+    convert
+        ->add_option("-o,--output", wanted.path,
+                     "The file to write, - is the standard output; of tables NAME.spans.csv and "
+                     "NAME.events.csv")
+        ->option_text("FILE|NAME")
+        ->required();
+    AddIdentity(convert, wanted.service, wanted.host);
+    convert
+        ->add_option("--from", wanted.from,
+                     "Only what goes on behind this time, which is in seconds or has a unit, up to "
+                     "that of another --to (chrome)")
+        ->option_text("TIME");
+    convert->add_option("--slowest", wanted.chrome.slowest, "Only so many requests (chrome)")
+        ->option_text("N");
+    convert->add_option("--root", wanted.chrome.root, "Only the context of this id (chrome)")
+        ->option_text("ID");
+    convert->callback([&] { status = RunConvert(options, wanted); });
+
+    CLI::App* const send =
+        AddCommand(app, "send", "Send runs to a collector of OpenTelemetry", options);
+    SendOptions sending;
+    bool isUncompressed = false;
+    send->add_option("RUN", options.files, "Files of events; - is the standard input")->required();
+    send->add_option("--otlp", sending.collector.url, "The collector, such as http://host:4318")
+        ->option_text("URL")
+        ->required();
+    send->add_flag("--follow", sending.isFollowing,
+                   "Go along with files that are being written, until interrupted");
+    AddIdentity(send, sending.service, sending.host);
+    send->add_option("--header", sending.collector.headers, "Send this header too, 'Name: value'")
+        ->option_text("HEADER")
+        ->expected(1)
+        ->take_all();
+    send->add_option("--encoding", sending.collector.encoding, "protobuf or json (protobuf)")
+        ->option_text("NAME")
+        ->transform(CLI::Transformer(std::map<std::string, OtlpEncoding>{
+            {"protobuf", OtlpEncoding::Protobuf}, {"json", OtlpEncoding::Json}}));
+    send->add_flag("--uncompressed", isUncompressed, "Do without gzip");
+    send->add_option("--timeout", sending.collector.timeout, "Seconds for one request (10)")
+        ->option_text("SECONDS")
+        ->check(CLI::Range(0.1, 1e5));
+    send->add_option("--patience", sending.patience,
+                     "Seconds for which a request is sent again when the collector is away, where "
+                     "no file is followed (60)")
+        ->option_text("SECONDS")
+        ->check(CLI::Range(0.0, 1e6));
+    send->callback([&] {
+        sending.collector.isCompressed = !isUncompressed;
+        status = RunSend(options, sending);
+    });
 
     try {
         app.parse(argc, argv);

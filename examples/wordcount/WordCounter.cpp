@@ -9,9 +9,11 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <future>
 #include <memory>
 #include <mutex>
+#include <random>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -148,10 +150,36 @@ Totals CountFile(Job& job, Progress& progress) {
     }
 } // the context closes, on the thread that opened it
 
+// NOLINTBEGIN(concurrency-mt-unsafe): the environment changes before there is a second thread
+// [snippet: traceparent]
+std::string RandomId() {
+    std::random_device random;
+    std::array<char, 17> digits;
+    std::snprintf(digits.data(), digits.size(), "%08x%08x", random() | 1U, random());
+    return digits.data();
+}
+
+/// Joins the trace of whoever started this process, and hands it on to those that it starts.
+void JoinTrace() {
+    const char* const variable = std::getenv("TRACEPARENT");
+    const std::string given = variable == nullptr ? "" : variable;
+    if (!given.empty())
+        // [snippet: in]
+        Attribute("traceparent", given, MetricsBits::act);
+    // [end]
+    const std::string trace = given.size() < 55 ? RandomId() + RandomId() : given.substr(3, 32);
+    const std::string sent = "00-" + trace + "-" + RandomId() + "-01";
+    Attribute("traceparent.sent", sent, MetricsBits::act);
+    setenv("TRACEPARENT", sent.c_str(), 1);
+}
+// [end]
+// NOLINTEND(concurrency-mt-unsafe)
+
 } // namespace
 
-Totals CountWords(const std::vector<fs::path>& paths) {
+Totals CountWords(const std::vector<fs::path>& paths, const std::string& command) {
     const Metrics::Context run(0, Metrics::Context::Create(true), "wordcount");
+    JoinTrace();
 
     Progress progress;
     std::vector<Job> jobs;
@@ -177,10 +205,17 @@ Totals CountWords(const std::vector<fs::path>& paths) {
     for (std::size_t i = 0; i < std::min(processors, jobs.size()); ++i)
         workers.push_back(std::async(std::launch::async, work));
 
-    const Scope scope("wait for workers", MetricsBits::act);
     Totals totals;
-    for (std::future<Totals>& worker : workers)
-        totals += worker.get();
+    {
+        const Scope scope("wait for workers", MetricsBits::act);
+        for (std::future<Totals>& worker : workers)
+            totals += worker.get();
+    }
     totals.isComplete = progress.Problems() == 0;
+    if (!command.empty()) {
+        const Scope scope("command", MetricsBits::act);
+        // The workers have ended. NOLINTNEXTLINE(concurrency-mt-unsafe)
+        totals.isComplete = std::system(command.c_str()) == 0 && totals.isComplete;
+    }
     return totals;
 }

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <string>
 #include <vector>
 
 struct Totals {
@@ -15,6 +16,7 @@ struct Totals {
 
 /// Counts the files, and the files in the folders and all folders below them, on one thread for
 /// each processor. Reports on stderr what cannot be read, and its progress when that is a terminal.
-Totals CountWords(const std::vector<std::filesystem::path>& paths);
+/// Then runs the shell command, if it is not empty, as a part of the same trace.
+Totals CountWords(const std::vector<std::filesystem::path>& paths, const std::string& command);
 
 #endif // WORDCOUNT_WORD_COUNTER_H

@@ -14,11 +14,12 @@ namespace {
 
 constexpr const char* usage =
     "usage: wordcount [-set=LIST | -setabs=LIST] [-clear=LIST] [-raw=FILE]\n"
-    "                 [-trace=FOLDER [-trace-keep=SIZE]] PATH...\n"
+    "                 [-trace=FOLDER [-trace-keep=SIZE]] [-then=COMMAND] PATH...\n"
     "Counts the words of files, and of all files in folders.\n"
     "  -raw=FILE         record what happens, and when, in this CSV file\n"
     "  -trace=FOLDER     record it in this folder, for babeltrace2\n"
     "  -trace-keep=SIZE  keep the newest of it, such as 64M, and no more\n"
+    "  -then=COMMAND     run this at the end, in the same trace: see TRACEPARENT\n"
     "  -set=LIST         record these categories, such as act,parse\n"
     "  -setabs=LIST      record these categories and no others\n"
     "  -clear=LIST       do not record these categories\n";
@@ -68,8 +69,11 @@ private:
 int Run(const std::vector<std::string>& arguments) {
     MetricsSession session;
     std::vector<std::filesystem::path> paths;
+    std::string command;
     for (const std::string& argument : arguments) {
-        if (argument.rfind('-', 0) == 0)
+        if (argument.rfind("-then=", 0) == 0)
+            command = argument.substr(6);
+        else if (argument.rfind('-', 0) == 0)
             session.Configure(argument);
         else
             paths.emplace_back(argument);
@@ -82,7 +86,7 @@ int Run(const std::vector<std::string>& arguments) {
         throw std::runtime_error(std::string("cannot record: ") + error.what());
     }
 
-    const Totals totals = CountWords(paths);
+    const Totals totals = CountWords(paths, command);
     std::printf("%" PRIu64 " files, %" PRIu64 " lines, %" PRIu64 " words, %" PRIu64 " bytes\n",
                 totals.files, totals.lines, totals.words, totals.bytes);
     if (std::fflush(stdout) != 0)

@@ -87,7 +87,7 @@ void ShortThreadsBehindTheShutdown() {
         return ResidentKiB();
     };
     const long before = run(1000);
-    const int threads = Repetitions(10000);
+    const int threads = std::max(Repetitions(10000), 3000);
     const long grown = run(threads) - before;
     std::printf("%d threads left %ld KiB\n", threads, grown);
     VERIFY(grown < threads / 10); // a third of what they would keep

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <random>
 #include <set>
@@ -127,8 +128,75 @@ TEST(DiffTest, ComparesTotalsForAsManyRequests) {
     const Diff diff = Compare(1, {}, {.parse = 2, .requests = 800}, model);
     for (const Diff::Comparison& change : diff.changes)
         EXPECT_NEAR(static_cast<double>(change.after) / static_cast<double>(change.before), 2, 0.4);
-    EXPECT_FALSE(diff.changes.empty());
+    EXPECT_TRUE(std::any_of(diff.changes.begin(), diff.changes.end(), [](const auto& change) {
+        return change.quantity == Diff::Quantity::Total; // twice as much, not four times
+    }));
     EXPECT_TRUE(diff.areRequests);
+}
+
+TEST(DiffTest, IsTheMoreCarefulTheMoreItCompares) {
+    const auto write = [](unsigned seed, double factor, int others) {
+        std::mt19937_64 random(seed);
+        std::lognormal_distribution<double> any(10, 0.5);
+        Recording recording;
+        Recording::Stamp now = 10;
+        for (Recording::Id id = 2; id < 200; ++id) {
+            recording.Open(now, id, 0);
+            recording.Use(now, id, "request", 1);
+            recording.Begin(now, id, "parse");
+            recording.End(now += static_cast<Recording::Stamp>(any(random) * factor), id, "parse");
+            for (int other = 0; other < others; ++other) {
+                recording.Begin(now, id, std::to_string(other));
+                recording.End(now += 1000, id, std::to_string(other));
+            }
+            recording.End(now, id, "request");
+            recording.Close(now, id, 0);
+        }
+        return recording.Text();
+    };
+    const auto certain = [&](int others) { // how much longer in total, at least
+        const Model model = LoadTexts({write(1, 1, others), write(2, 3, others)});
+        const Diff diff = MakeDiff(model);
+        const auto change =
+            std::find_if(diff.changes.begin(), diff.changes.end(), [&](const auto& candidate) {
+                return model.names[candidate.name] == "parse" &&
+                       candidate.quantity == Diff::Quantity::Total;
+            });
+        EXPECT_NE(change, diff.changes.end());
+        return change == diff.changes.end() ? 0 : change->low;
+    };
+    EXPECT_LT(static_cast<double>(certain(50)), 0.97 * static_cast<double>(certain(1)));
+}
+
+TEST(DiffTest, TakesWhatOccursOnceForAChangeWhenItIsFarOff) {
+    const auto write = [](Recording::Stamp start) {
+        Recording recording;
+        recording.Open(10, 2, 0);
+        recording.Use(10, 2, "setup", 1);
+        recording.Begin(10, 2, "start");
+        recording.End(10 + start, 2, "start");
+        Recording::Stamp now = 10 + start;
+        recording.End(now, 2, "setup");
+        recording.Close(now, 2, 0);
+        for (Recording::Id id = 3; id < 60; ++id) {
+            recording.Open(now, id, 0);
+            recording.Use(now, id, "request", 1);
+            recording.End(now += 10'000'000, id, "request");
+            recording.Close(now, id, 0);
+        }
+        return recording.Text();
+    };
+    const auto named = [&](Recording::Stamp before, Recording::Stamp after) {
+        const Model model = LoadTexts({write(before), write(after)});
+        Names names;
+        for (const Diff::Comparison& change : MakeDiff(model).changes)
+            names.emplace(model.names[change.name]);
+        return names;
+    };
+    EXPECT_EQ(named(50'000'000, 500'000'000), Names{"start"});
+    EXPECT_EQ(named(500'000'000, 50'000'000), Names{"start"});
+    EXPECT_EQ(named(200'000'000, 800'000'000), Names{}) << "four times";
+    EXPECT_EQ(named(5'000'000, 95'000'000), Names{}) << "nothing that one would notice";
 }
 
 TEST(DiffTest, TakesASingleRequestApart) {

@@ -88,6 +88,7 @@ expect 0 sh -c "'$metrics' report run.csv | head -n 1" # which may end early
 
 expect 0 "$metrics" top -n 2 -d 0.01 run.csv
 says 'events/s' '0 in flight'
+[[ $(grep -c '^[1-9].* events/s' <<<"$said") == 2 ]] || fail "the second look shows nothing: $said"
 no_colors
 expect 0 "$metrics" top -n 2 -d 0.01 run.csv --json
 says '{"interval_ns":5900,"events":13,' '{"interval_ns":0,"events":0,'

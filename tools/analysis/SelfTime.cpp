@@ -72,6 +72,29 @@ std::vector<std::uint64_t> SelfTimes(const Run& run) {
     return self;
 }
 
+std::uint64_t SelfTime(const Run& run, const Context& context) {
+    std::vector<Piece> pieces; // that nothing but the context is around
+    for (const Scope& scope : run.ScopesOf(context))
+        if (scope.IsWhole() && NearestWhole(run, scope.parent) == none)
+            pieces.push_back({scope.start, scope.end, none});
+    for (const Index i : run.ChildrenOf(context)) {
+        const Context& child = run.contexts[i];
+        if (child.IsWhole() && child.tid != noThread && child.tid == context.tid &&
+            NearestWhole(run, child.openedIn) == none)
+            pieces.push_back({child.opened, child.closed, none});
+    }
+    std::sort(pieces.begin(), pieces.end(),
+              [](const Piece& a, const Piece& b) { return a.start < b.start; });
+    std::uint64_t self = context.Duration();
+    std::uint64_t covered = context.opened;
+    for (const Piece& piece : pieces) {
+        const std::uint64_t end = std::min(piece.end, context.closed);
+        self -= Between(std::max(piece.start, covered), end);
+        covered = std::max(covered, end);
+    }
+    return self;
+}
+
 bool IsRecursive(const Run& run, const Scope& scope) {
     for (Index i = scope.parent; i != none; i = run.scopes[i].parent) {
         const Scope& around = run.scopes[i];

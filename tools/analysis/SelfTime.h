@@ -13,6 +13,10 @@ namespace Metrics::tools {
 /// thread. What has no end covers nothing; 0 for a scope that is not whole.
 std::vector<std::uint64_t> SelfTimes(const Run& run);
 
+/// The self time of a context that is whole: without its scopes and without the child contexts that
+/// were opened on its thread outside of any scope.
+std::uint64_t SelfTime(const Run& run, const Context& context);
+
 /// @return whether the scope lies inside of another one of its label and context.
 bool IsRecursive(const Run& run, const Scope& scope);
 

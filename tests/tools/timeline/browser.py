@@ -68,10 +68,13 @@ class Browser:
         """One of the browser's own development commands."""
         return self._ask("POST", "/goog/cdp/execute", {"cmd": name, "params": parameters})
 
+    def visit(self, url):
+        self._ask("POST", "/url", {"url": url})
+
     def open(self, path):
-        """Opens a file, and returns the seconds until it was painted."""
+        """Opens the page of a timeline, and returns the seconds until it was painted."""
         start = time.monotonic()
-        self._ask("POST", "/url", {"url": "file://" + str(path)})
+        self.visit("file://" + str(path))
         self.wait("document.querySelector('#view')?.dataset.mode || "
                   "document.querySelector('#message').textContent.includes('cannot')")
         return time.monotonic() - start
