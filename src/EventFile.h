@@ -55,7 +55,7 @@ public:
     /// that does not return is the last one, and the file is closed behind it.
     /// @return false when one was in progress at the deadline.
     bool CloseUntil(std::chrono::steady_clock::time_point deadline) {
-        Stop();
+        Stop(deadline);
         return m_door.CloseUntil(deadline, [this] { Finish(); });
     }
 
@@ -71,8 +71,8 @@ protected:
     /// Has all that was put in reach the file.
     virtual void Complete() noexcept = 0;
     /// Called by the host's thread while another may be writing: what takes long is to be left.
-    virtual void Stop() noexcept = 0;
-    /// The end, on whichever thread is last.
+    virtual void Stop(std::chrono::steady_clock::time_point deadline) noexcept = 0;
+    /// The end, on whichever thread is last; what may be left is, once that deadline is over.
     virtual void Finish() noexcept = 0;
 
 private:

@@ -12,6 +12,8 @@
 
 #include <korsys/NoCancellation.h>
 
+#include <new>
+#include <system_error>
 #include <utility>
 
 namespace Metrics {
@@ -47,6 +49,19 @@ void MetricsManager::ShutdownAndFreeInstance() noexcept {
 
 void MetricsManager::Enable() {
     s_life.Enable();
+}
+
+bool MetricsManager::Enable(std::error_code& error) noexcept try {
+    const korsys::NoCancellation guard;
+    error.clear();
+    Enable();
+    return s_life.Accepts();
+} catch (const std::system_error& failure) {
+    error = failure.code();
+    return false;
+} catch (const std::bad_alloc&) {
+    error = std::make_error_code(std::errc::not_enough_memory);
+    return false;
 }
 
 bool MetricsManager::Disable() noexcept {

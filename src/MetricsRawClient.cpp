@@ -6,6 +6,7 @@
 
 #include <korsys/NoCancellation.h>
 
+#include <chrono>
 #include <stdexcept>
 #include <utility>
 
@@ -30,7 +31,7 @@ private:
         m_line.Shrink();
     }
     void Complete() noexcept override {}
-    void Stop() noexcept override { m_file.Stop(); }
+    void Stop(std::chrono::steady_clock::time_point) noexcept override { m_file.Stop(); }
     void Finish() noexcept override { m_file.Close(); }
 
     detail::OutputFile m_file;

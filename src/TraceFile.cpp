@@ -35,7 +35,8 @@ constexpr std::uint64_t usualPart = 64 << 20;
 constexpr std::uint64_t leastKept = 64 << 10;
 constexpr std::uint64_t keptParts = 8;
 constexpr std::int64_t oldest = 100'000'000; // ns; a packet in memory
-constexpr std::uint64_t looksAtClock = 16;   // events; the clock costs about as much as one
+constexpr std::uint64_t copiedAtOnce = 1 << 20;
+constexpr std::uint64_t looksAtClock = 16; // events; the clock costs about as much as one
 
 constexpr const char* description = "metadata";
 constexpr const char* unfinished = ".unfinished"; // readers skip what begins with a point
@@ -175,7 +176,7 @@ bool TraceFile::Fail(int error) noexcept {
 
 // The folder ------------------------------------------------------------------------------------
 
-int TraceFile::Prepare() {
+int TraceFile::Prepare() try {
     if (mkdir(m_folder.c_str(), 0777) != 0 && errno != EEXIST)
         return errno;
     m_directory = open(m_folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -188,6 +189,8 @@ int TraceFile::Prepare() {
         static_cast<ssize_t>(m_uuid.size()))
         return errno;
     return WriteDescription();
+} catch (const std::bad_alloc&) {
+    return ENOMEM; // and the destructor lets go of the folder and its lock
 }
 
 bool TraceFile::IsOurs() const {
@@ -204,19 +207,24 @@ bool TraceFile::IsOurs() const {
 
 /// Takes nothing away but what was written here.
 int TraceFile::RemoveOldTrace() {
-    DIR* const entries = fdopendir(openat(m_directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (entries == nullptr)
+    const int folder = openat(m_directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (folder < 0)
         return errno;
+    const std::unique_ptr<DIR, int (*)(DIR*)> entries(fdopendir(folder), closedir);
+    if (entries == nullptr) {
+        const int error = errno;
+        close(folder);
+        return error;
+    }
     std::vector<std::string> parts;
     bool isOther = false;
-    while (const dirent* const entry = readdir(entries)) {
+    while (const dirent* const entry = readdir(entries.get())) {
         const std::string_view name = entry->d_name;
         if (name.starts_with(partPrefix))
             parts.emplace_back(name);
         else
             isOther = isOther || (name.front() != '.' && name != description);
     }
-    closedir(entries);
     const bool isEmpty = parts.empty() && faccessat(m_directory, description, F_OK, 0) != 0;
     if (isOther || (!isEmpty && !IsOurs()))
         return EEXIST;
@@ -234,8 +242,10 @@ int TraceFile::WriteDescription() {
         return errno;
     const bool isWritten = WriteAt(file, 0, text.data(), text.size());
     close(file);
-    if (!isWritten)
+    if (!isWritten) {
+        unlinkat(m_directory, unfinished, 0);
         return m_error.load(std::memory_order_relaxed);
+    }
     return renameat(m_directory, unfinished, m_directory, description) == 0 ? 0 : errno;
 }
 
@@ -292,7 +302,13 @@ void TraceFile::BeginPacket(std::uint64_t clock, std::uint64_t lag, std::int64_t
         const std::size_t capacity = std::max(usual, needed);
         m_packet.reset(); // not both at once
         m_capacity = 0;
-        m_packet = std::make_unique_for_overwrite<char[]>(capacity);
+        try {
+            m_packet = std::make_unique_for_overwrite<char[]>(capacity);
+        } catch (const std::bad_alloc&) {
+            Fail(ENOMEM);
+            m_discarded.fetch_add(1, std::memory_order_relaxed);
+            throw;
+        }
         m_capacity = capacity;
     }
     m_out = m_packet.get() + sizeof(TracePacketHeader);
@@ -384,6 +400,8 @@ bool TraceFile::MakeRoom(std::uint64_t size) {
         m_total -= m_parts.front().size;
         m_parts.pop_front();
     }
+    if (m_parts.empty() && m_file >= 0) // the newest one has gone as well
+        close(std::exchange(m_file, -1));
     return true;
 }
 
@@ -425,8 +443,8 @@ void TraceFile::Finish() noexcept {
     m_packet.reset();
 }
 
-/// Puts a copy without the padding in the place of the newest file. Where that does not succeed,
-/// the file is as good as it was. @return the reason, or 0.
+/// Puts a copy without the padding in the place of the newest file. Where that does not succeed, or
+/// takes longer than until the deadline, the file is as good as it was. @return the reason, or 0.
 int TraceFile::Trim() noexcept {
     const std::uint64_t bits = (m_end - m_lastPacket) * 8;
     const int copy =
@@ -437,11 +455,14 @@ int TraceFile::Trim() noexcept {
     int error = 0;
     std::uint64_t rest = m_end;
     for (off_t offset = 0; rest > 0 && error == 0;) {
-        const ssize_t sent = sendfile(copy, m_file, &offset, rest);
+        const ssize_t sent = sendfile(copy, m_file, &offset, std::min(rest, copiedAtOnce));
         if (sent > 0)
             rest -= static_cast<std::uint64_t>(sent);
         else
             error = reason(sent);
+        if (rest > 0 &&
+            std::chrono::steady_clock::now() > m_deadline.load(std::memory_order_relaxed))
+            error = ETIMEDOUT;
     }
     if (error == 0) {
         const ssize_t written =

@@ -5,6 +5,7 @@
 #include "TraceFormat.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -48,7 +49,9 @@ private:
 
     void Write(const MetricsEvent& event) override;
     void Complete() noexcept override { FinishPacket(); }
-    void Stop() noexcept override {}
+    void Stop(std::chrono::steady_clock::time_point deadline) noexcept override {
+        m_deadline.store(deadline, std::memory_order_relaxed);
+    }
     void Finish() noexcept override;
 
     int Prepare();
@@ -75,6 +78,8 @@ private:
     bool m_isOpen = false;
     std::atomic<int> m_error{0};               // relaxed: a number for itself
     std::atomic<std::uint64_t> m_discarded{0}; // the same
+    // Of the end; the same.
+    std::atomic<std::chrono::steady_clock::time_point> m_deadline{};
 
     // The packet in the making.
     std::unique_ptr<char[]> m_packet;

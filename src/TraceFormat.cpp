@@ -140,11 +140,12 @@ std::string DescribeTrace(const TraceUuid& uuid, std::int64_t offset) {
         "    };\n"
         "};\n\n"
         "env {\n"
-        "    hostname = " +
-        Quote(HostName()) + ";\n    procname = " + Quote(ProcessName()) +
+        "    metrics_version = " + // by which TraceFile knows its own, hence before what may be
+                                   // long
+        Quote(Version()) +
+        ";\n    hostname = " + Quote(HostName()) + ";\n    procname = " + Quote(ProcessName()) +
         ";\n    vpid = " + std::to_string(getpid()) +
         ";\n    command_line = " + Quote(CommandLine()) +
-        ";\n    metrics_version = " + Quote(Version()) +
         ";\n};\n\n"
         "clock {\n"
         "    name = \"up_time\";\n"

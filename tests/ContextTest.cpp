@@ -69,6 +69,22 @@ TEST(Context, NeedsNoScopeToClose) {
     EXPECT_EQ(transcript.Next(), "");
 }
 
+TEST(Context, StaysMuteWhenItsFirstUseIsNotRecorded) {
+    const Transcript transcript;
+    const std::string text = "text";
+    Context plain(0, 1), moved(0, 2), values(0, 3), late(0, 4);
+    transcript.Next();
+    for (const std::uint64_t mask : {std::uint64_t{0}, everyBit}) {
+        Manager().SetBitsAbsolute(mask);
+        plain.Emit(text, 1);
+        moved.Emit(std::string("text"));
+        values.Emit(MetricsValue(text), MetricsValue(1));
+    }
+    EXPECT_EQ(transcript.Next(), "");
+    late.Emit(text);
+    EXPECT_NE(transcript.Next().find("Custom s1 in 4: \"text\", 0\n"), std::string::npos);
+}
+
 TEST(Context, WithANameOpensItsScopeWhenItOpens) {
     const Transcript transcript;
     {
@@ -408,6 +424,22 @@ TEST(Guard, EndsWhateverHasBecomeOfTheStack) {
         EXPECT_EQ(CurrentId(), 6u);
     }
     EXPECT_EQ(CurrentId(), 6u);
+
+    // And so was all that was below: what the block leaves goes with it all the same.
+    OnAThread([] {
+        auto below = std::make_unique<Context>(0, 8);
+        auto guarded = std::make_unique<Context>(0, 9);
+        guarded->DetachFromThread();
+        std::unique_ptr<Context> left;
+        {
+            const ContextGuard guard(*guarded); // 8 |9
+            OnAThread([&] { below.reset(), guarded.reset(); });
+            EXPECT_EQ(CurrentId(), 0u);
+            left = std::make_unique<Context>(0, 10);
+            EXPECT_EQ(CurrentId(), 10u);
+        }
+        EXPECT_EQ(CurrentId(), 0u);
+    });
 
     // As a coroutine that suspends would: what is left behind does not outlive the next block.
     auto stray = std::make_unique<std::optional<ContextGuard>>();

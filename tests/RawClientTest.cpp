@@ -145,13 +145,17 @@ TEST(RawClient, AdjustsTheMaskByItsArguments) {
 
 TEST(RawClient, TakesTheApplicationsOwnMnemonics) {
     const auto own = [](std::string_view mnemonic) -> std::uint64_t {
-        return mnemonic == "billing" ? 1ul << 50 : mnemonic == "act" ? 1ul << 51 : 0;
+        return mnemonic == "billing" ? 1ul << 50
+               : mnemonic == "often" ? 1ul << 13
+               : mnemonic == "act"   ? 1ul << 51
+                                     : 0;
     };
     const struct {
         std::vector<std::string> arguments;
         std::uint64_t after;                                                      // 1 << 52 before
     } rows[] = {{{"-set=billing,act"}, 1ul << 50 | MetricsBits::act | 1ul << 52}, // act is known
                 {{"-setabs=billing,bogus"}, 1ul << 50},
+                {{"-setabs=often"}, 1ul << 13},
                 {{"-set=net,billing", "-clear=billing"}, MetricsBits::net | 1ul << 52},
                 {{"-set=billing", "-set=net"}, MetricsBits::net | 1ul << 52}};
     for (const auto& row : rows) {

@@ -48,9 +48,10 @@ public:
         }
         if (!m_isWanted)
             return; // without Enable there is no thread, and nothing is recorded
-        Metrics::MetricsManager::GetInstance()->Enable();
         std::error_code error;
-        if (!m_client.Open(error) && error)
+        if (Metrics::MetricsManager::GetInstance()->Enable(error))
+            m_client.Open(error);
+        if (error)
             std::fprintf(stderr, "app: not recorded: %s\n", error.message().c_str());
     }
 

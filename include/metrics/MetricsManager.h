@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <system_error>
 
 namespace Metrics {
 
@@ -61,6 +62,11 @@ public:
     /// @throws std::system_error when the thread cannot be started (events are accepted from then
     ///         on all the same, and the next Enable tries again); std::bad_alloc.
     void Enable();
+
+    /// The same for applications without exceptions. @return whether events are accepted: false
+    /// when the library is off, and with the reason in `error` where Enable throws. Else `error` is
+    /// cleared.
+    bool Enable(std::error_code& error) noexcept;
 
     /// Sends the Shutdown event, switches the library off for good, and waits up to 1000 ms until
     /// everything queued before is delivered and the delivery thread has ended. What the

@@ -9,6 +9,7 @@
 
 #include <sys/syscall.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstring>
 #include <new>
@@ -29,6 +30,7 @@ bool Fails() {
     if (t_left < 0 || t_left-- > 0)
         return false;
     t_left = --t_failing > 0 ? 0 : -1;
+    errno = ENOMEM;
     return true;
 }
 
@@ -53,10 +55,8 @@ void* mmap(void* address, std::size_t size, int protection, int flags, int file,
            off_t offset) noexcept {
     constexpr int memory = MAP_PRIVATE | MAP_ANONYMOUS;
     if (t_left >= 0 && (flags & memory) == memory && IsTheLibrarys(__builtin_return_address(0)) &&
-        Fails()) {
-        errno = ENOMEM;
+        Fails())
         return MAP_FAILED;
-    }
     return reinterpret_cast<void*>(
         syscall(SYS_mmap, address, size, protection, flags, file, offset));
 }
@@ -84,7 +84,10 @@ struct State {
     std::unique_ptr<Context> context;
     std::unique_ptr<Scope> scope;
     MetricsRawClient client;
+    MetricsTraceClient trace;
 };
+
+const std::string s_folder = "test." + std::to_string(getpid()) + ".trace";
 
 void OpenContext(State& s) {
     s.context = std::make_unique<Context>(0, Context::Create(true));
@@ -204,6 +207,18 @@ const struct Operation {
      },
      {ContextCreated, ContextOpened},
      OneLostOrTwoTries},
+    {"MetricsTraceClient::Open without exceptions",
+     nullptr,
+     [](State& s) {
+         s.trace.SetOutputFileName(s_folder);
+         std::error_code error;
+         if (s.trace.Open(error))
+             return;
+         VERIFY((error == std::errc::not_enough_memory));
+         throw std::bad_alloc();
+     },
+     {ContextCreated, ContextOpened},
+     OneLostOrTwoTries},
     {"MetricsRawClient::Close",
      OpenClient,
      [](State& s) { s.client.Close(); },
@@ -264,6 +279,7 @@ int RunOperation(const Operation& operation, int n) {
         state.scope.reset();
         state.context.reset();
         state.client.Close();
+        state.trace.Close();
         VERIFY(Manager().GetCurrentThreadContext() == nullptr);
     }).join();
     state.shared.reset();
@@ -292,6 +308,7 @@ void EveryOperation() {
         std::printf("%s, or the start: %d allocations\n", operation.name, n - 1);
         all += n - 1;
     }
+    std::filesystem::remove_all(s_folder);
     VERIFY(all > 30); // or there is something else that they allocate with
 }
 
@@ -346,6 +363,18 @@ void TheQueueGrows() {
             VERIFY(succeeds(n, failures));
 }
 
+/// However many guards a thread has had, they leave nothing behind.
+void GuardsWithoutAllocating() {
+    const Session session;
+    Context context(0, Context::Create(true));
+    const auto guardTwice = [&context] { const ContextGuard outer(context), inner(context); };
+    guardTwice();
+    const int allocations = t_allocations;
+    for (int i = 0; i < 1000; ++i)
+        guardTwice();
+    VERIFY(t_allocations == allocations);
+}
+
 /// Texts are copied into the same two strings again and again: once these are there, the delivery
 /// thread allocates nothing, however long it goes on.
 void DeliversWithoutAllocating() {
@@ -383,5 +412,6 @@ int main(int argc, char** argv) {
     return RunCases(argc, argv,
                     {{"EveryOperation", EveryOperation, 600},
                      {"TheQueueGrows", TheQueueGrows, 600},
+                     {"GuardsWithoutAllocating", GuardsWithoutAllocating},
                      {"DeliversWithoutAllocating", DeliversWithoutAllocating}});
 }

@@ -3,6 +3,7 @@
 #include "../support/Exercise.h"
 #include "../support/Process.h"
 
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -19,11 +20,17 @@ namespace {
 
 void RecordsEverything() {
     const TemporaryFile file;
+    const std::string folder = file.path + ".trace";
     MetricsRawClient client;
-    const Session session;
-    VERIFY(client.ProcessArgument("-raw=" + file.path));
+    MetricsTraceClient trace;
     std::error_code error = std::make_error_code(std::errc::io_error);
+    VERIFY(Manager().Enable(error));
+    VERIFY(!error);
+    VERIFY(client.ProcessArgument("-raw=" + file.path));
     VERIFY(client.Open(error));
+    VERIFY(!error);
+    VERIFY(trace.ProcessArgument("-trace=" + folder));
+    VERIFY(trace.Open(error));
     VERIFY(!error);
     Context request(0, Context::Create(true), "request");
     std::thread([child = UniqueMetricsContext(true, "child"), &request] {
@@ -31,11 +38,39 @@ void RecordsEverything() {
         const ContextGuard guard(request);
         UseEverything("text");
     }).join();
+    VERIFY(trace.Close(forever));
+    VERIFY(std::filesystem::file_size(folder + "/events-000000") > 0);
+    std::filesystem::remove_all(folder);
     VERIFY(client.Close(forever));
     const std::string text = ReadFile(file.path);
     VERIFY(Count(text, ",5,request,0\n") == 1);
     VERIFY(Count(text, ",5,child,0\n") == 1);
     VERIFY(Count(text, ",8,name,text\n") == 1);
+}
+
+void IsToldWhyTheThreadCannotStart() {
+    std::error_code error = std::make_error_code(std::errc::io_error);
+    rlimit limit{};
+    VERIFY(getrlimit(RLIMIT_AS, &limit) == 0);
+    const rlimit before = limit;
+    limit.rlim_cur = 1; // no more memory for a stack
+    VERIFY(setrlimit(RLIMIT_AS, &limit) == 0);
+    const bool isEnabled = Manager().Enable(error);
+    VERIFY(setrlimit(RLIMIT_AS, &before) == 0);
+    VERIFY(!isEnabled);
+    VERIFY((error == std::errc::resource_unavailable_try_again));
+    for (int again = 0; again < 2; ++again) {
+        VERIFY(Manager().Enable(error));
+        VERIFY(!error);
+    }
+    bool isDelivered = false;
+    Consume(false, [&isDelivered](const MetricsEvent&) { isDelivered = true; });
+    Send("event");
+    Flush();
+    VERIFY(isDelivered);
+    MetricsManager::ShutdownAndFreeInstance();
+    VERIFY(!Manager().Enable(error)); // is off
+    VERIFY(!error);
 }
 
 void IsToldWhyAFileCannotBeOpened() {
@@ -65,7 +100,9 @@ void IsToldWhyAFileCannotBeOpened() {
 } // namespace
 
 int main(int argc, char** argv) {
-    return RunCases(argc, argv,
-                    {{"RecordsEverything", RecordsEverything},
-                     {"IsToldWhyAFileCannotBeOpened", IsToldWhyAFileCannotBeOpened}});
+    std::vector<Case> cases{{"RecordsEverything", RecordsEverything},
+                            {"IsToldWhyAFileCannotBeOpened", IsToldWhyAFileCannotBeOpened}};
+    if (sanitizer.empty()) // whose runtimes need memory as well
+        cases.push_back({"IsToldWhyTheThreadCannotStart", IsToldWhyTheThreadCannotStart});
+    return RunCases(argc, argv, cases);
 }

@@ -9,13 +9,16 @@
 #include "TraceFile.h"
 
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 
 #include <array>
 #include <cmath>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <random>
 
 using namespace Metrics;
@@ -167,6 +170,45 @@ void HoldsEveryField() {
     VERIFY(Complaints(s_folder.path).empty());
 }
 
+/// Who wrote it, in bytes of every kind, and when. However long the command line is, the next run
+/// of the same program knows the trace for one of its own.
+void DescribesItself() {
+    const std::string argument = "a\"b\\c\n?\xff%" + std::string(100'000, 'x');
+    std::string commandLine = ReadFile("/proc/self/cmdline");
+    if (commandLine.find(argument) == std::string::npos) {
+        execl("/proc/self/exe", "trace_test", "DescribesItself", argument.c_str(), nullptr);
+        VERIFY(false);
+    }
+    VERIFY(prctl(PR_SET_NAME, "a\"b\\c\n") == 0);
+    const Session session;
+    VERIFY(Poll([] { return AppUpTime() > 50'000'000; })); // which is not to be in the wall time
+    MetricsTraceClient client;
+    for (int run = 0; run < 2; ++run) {
+        VERIFY(OpenTrace(client));
+        for (int i = 0; i < 100; ++i)
+            Send("event", i);
+        VERIFY(client.Close(forever));
+    }
+    Trace trace = ReadTrace(s_folder.path);
+    commandLine.pop_back();
+    std::replace(commandLine.begin(), commandLine.end(), '\0', ' ');
+    VERIFY(trace.environment["command_line"] == commandLine);
+    VERIFY(trace.environment["procname"] == "a\"b\\c");
+    VERIFY(trace.environment["vpid"] == std::to_string(getpid()));
+    std::string host(256, '\0');
+    VERIFY(gethostname(host.data(), host.size()) == 0);
+    VERIFY(trace.environment["hostname"] == host.c_str());
+    // Of the event whose two clocks were read with the least between.
+    std::int64_t off = std::numeric_limits<std::int64_t>::max();
+    for (const auto& [event, tid, clock, wall] : trace.events)
+        off =
+            std::min(off, std::abs(wall - static_cast<std::int64_t>(event.unixSeconds * 1'000'000 +
+                                                                    event.unixMicroseconds) *
+                                              1000));
+    VERIFY(trace.events.size() == 103 && off < 1'000'000);
+    VERIFY(Complaints(s_folder.path).empty());
+}
+
 /// Both clients in one run: the same events in the same order, with the same texts and stamps.
 void HoldsWhatTheCsvFileHolds() {
     const Session session;
@@ -199,7 +241,7 @@ void HoldsWhatTheCsvFileHolds() {
     const std::size_t first = 2; // created and opened
     for (std::size_t i = 0; i < trace.events.size(); ++i) {
         VERIFY(IsSame(trace.events[i].event, seen[i]));
-        if (const auto& [event, tid, clock] = trace.events[i];
+        if (const auto& [event, tid, clock, wall] = trace.events[i];
             event.eventType == MetricsEventType::Attribute && *event.param1.text == "'tid'")
             VERIFY(tid == event.param2.integer);
         if (i >= first && i < trace.events.size() - 1)
@@ -212,7 +254,7 @@ void HoldsWhatTheCsvFileHolds() {
 /// Whole packets, nothing missing before the last one, and all that a flush has delivered before.
 void IsWhole(std::int64_t flushed) {
     std::int64_t next = -1;
-    for (const auto& [event, tid, clock] : ReadTrace(s_folder.path).events)
+    for (const auto& [event, tid, clock, wall] : ReadTrace(s_folder.path).events)
         if (event.eventType == MetricsEventType::Custom) {
             VERIFY(next == -1 || event.param2.integer == next);
             next = event.param2.integer + 1;
@@ -302,7 +344,7 @@ void KeepsTheNewest() {
                 std::filesystem::create_hard_link(entry.path(), copy / entry.path().filename());
         const Trace trace = ReadTrace(copy);
         std::int64_t next = -1;
-        for (const auto& [event, tid, clock] : trace.events)
+        for (const auto& [event, tid, clock, wall] : trace.events)
             if (event.param2.integer != 0) {
                 VERIFY(next == -1 || next == event.param2.integer);
                 next = event.param2.integer + 1;
@@ -383,6 +425,30 @@ void IsFullWhereAFileBegins(bool inTheEnd) {
     VERIFY(before > 20'000);
 }
 
+/// All that is kept must go for one huge event, and the disk is full just then: what comes until a
+/// file begins again is lost, and counted.
+void IsFullWhereNothingIsLeft() {
+    const Session session;
+    MetricsTraceClient client;
+    for (const bool inTheEnd : {false, true}) {
+        VERIFY(OpenTrace(client, 64 << 10));
+        Send("event", 1);
+        Flush();
+        s_diskIsFull = true;
+        for (const char* text : {"huge", "small"}) {
+            Send(text == std::string("huge") ? std::string(63'000, 'x') : text);
+            Flush();
+        }
+        VERIFY(client.GetDiscardedEvents() == 2);
+        s_diskIsFull = inTheEnd;
+        VERIFY(!client.Close(forever) && client.GetFirstError().error == ENOSPC);
+        s_diskIsFull = false;
+        const Trace trace = ReadTrace(s_folder.path);
+        VERIFY(trace.events.size() == (inTheEnd ? 0 : 1));
+        VERIFY(client.GetDiscardedEvents() == (inTheEnd ? 3 : 2));
+    }
+}
+
 /// Files that must be small, written in small steps: all of it is there.
 void IsWrittenInSmallStepsAndFiles() {
     rlimit limit{};
@@ -428,6 +494,21 @@ void ClosesBeyondALimit() {
     IsWhole(10'000 - 1);
 }
 
+/// The end does not wait for the last file's being cut longer than it may, and loses nothing by it.
+void IsCutWhileThereIsTime() {
+    MetricsEvent event;
+    event.param1 = std::string(100'000, 'x');
+    for (const std::chrono::seconds time : {std::chrono::seconds(0), std::chrono::seconds(60)}) {
+        detail::TraceFile file(s_folder.path, 0);
+        for (int i = 0; i < 50; ++i)
+            file.Add(event);
+        VERIFY(file.CloseUntil(Clock::now() + time) && !file.HasFailed());
+        VERIFY((SizeOf(s_folder.path) < (6 << 20)) == (time.count() != 0));
+        VERIFY(ReadTrace(s_folder.path).events.size() == 50);
+        VERIFY(Complaints(s_folder.path).empty());
+    }
+}
+
 /// The memory of a huge event is kept no longer than it takes.
 void GivesTheMemoryOfAHugeEventBack() {
     const auto residentKiB = [] {
@@ -446,6 +527,27 @@ void GivesTheMemoryOfAHugeEventBack() {
     Flush();
     VERIFY(residentKiB() < before + (16 << 10));
     VERIFY(client.Close(forever));
+}
+
+/// An event that there is no memory for is lost and counted, and nothing else is.
+void LosesWhatThereIsNoMemoryFor() {
+    MetricsEvent event;
+    event.param1 = std::string(256 << 20, 'x');
+    detail::TraceFile file(s_folder.path, 0);
+    rlimit limit{};
+    VERIFY(getrlimit(RLIMIT_AS, &limit) == 0);
+    const rlimit before = limit;
+    limit.rlim_cur = 300 << 20; // less than another one takes
+    VERIFY(setrlimit(RLIMIT_AS, &limit) == 0);
+    try {
+        file.Add(event);
+        VERIFY(false);
+    } catch (const std::bad_alloc&) {}
+    VERIFY(setrlimit(RLIMIT_AS, &before) == 0);
+    VERIFY(file.Discarded() == 1 && file.GetFirstError().error == ENOMEM);
+    file.Add(MetricsEvent());
+    VERIFY(file.CloseUntil(Clock::now()) && file.Discarded() == 1);
+    VERIFY(ReadTrace(s_folder.path).events.size() == 1);
 }
 
 /// While another consumer is slow, and the batch without an end, what was delivered reaches the
@@ -537,6 +639,11 @@ void OpensFolders() {
     VERIFY(errorOf(s_folder.path) == EEXIST);
     std::filesystem::remove(s_folder.path + "/metadata");
     VERIFY(errorOf(s_folder.path) == 0 && errorOf(s_folder.path) == 0);
+    s_diskIsFull = true;
+    VERIFY(errorOf(s_folder.path) == ENOSPC);
+    s_diskIsFull = false;
+    VERIFY(!std::filesystem::exists(s_folder.path + "/.unfinished"));
+    VERIFY(errorOf(s_folder.path) == 0);
 }
 
 } // namespace
@@ -544,6 +651,7 @@ void OpensFolders() {
 int main(int argc, char** argv) {
     std::vector<Case> cases{
         {"HoldsEveryField", HoldsEveryField, 60},
+        {"DescribesItself", DescribesItself, 60},
         {"HoldsWhatTheCSVFileHolds", HoldsWhatTheCsvFileHolds, 60},
         {"IsKilled", IsKilled, 300},
         {"IsKilledInAWrite", IsKilledInAWrite, 100},
@@ -552,12 +660,16 @@ int main(int argc, char** argv) {
         {"IsFullInTheEnd", [] { IsFull(true); }, 60},
         {"IsFullWhereAFileBegins", [] { IsFullWhereAFileBegins(false); }, 60},
         {"IsFullWhereTheLastOneBegins", [] { IsFullWhereAFileBegins(true); }, 60},
+        {"IsFullWhereNothingIsLeft", IsFullWhereNothingIsLeft, 60},
         {"IsWrittenInSmallStepsAndFiles", IsWrittenInSmallStepsAndFiles, 60},
         {"IsOnTheDiskBehindASlowConsumer", IsOnTheDiskBehindASlowConsumer, 60},
         {"ForksWhileItIsOpen", ForksWhileItIsOpen, 60},
         {"ClosesBeyondALimit", ClosesBeyondALimit, 60},
+        {"IsCutWhileThereIsTime", IsCutWhileThereIsTime, 60},
         {"OpensFolders", OpensFolders, 60}};
-    if (sanitizer.empty()) // whose allocators keep what is freed
+    if (sanitizer.empty()) { // whose allocators keep what is freed, and take more than is asked for
         cases.push_back({"GivesTheMemoryOfAHugeEventBack", GivesTheMemoryOfAHugeEventBack, 60});
+        cases.push_back({"LosesWhatThereIsNoMemoryFor", LosesWhatThereIsNoMemoryFor, 60});
+    }
     return RunCases(argc, argv, cases);
 }

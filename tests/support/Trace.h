@@ -20,11 +20,13 @@ struct TraceEvent {
     MetricsEvent event;
     std::int64_t tid = 0;
     std::uint64_t clock = 0; ///< what the reader orders by
+    std::int64_t wall = 0;   ///< the same in nanoseconds since 1970, by the clock's offset
 };
 
 struct Trace {
     std::vector<TraceEvent> events;
     std::uint64_t discarded = 0;
+    std::map<std::string, std::string> environment; ///< what it says of its process
 };
 
 namespace trace {
@@ -87,8 +89,12 @@ inline TraceEvent Event(const bt_message* message) {
     const std::string name = bt_event_class_get_name(bt_event_borrow_class_const(event));
     const auto type = name == "unknown" ? Signed(Member(payload, "type")) : types.at(name);
     e.eventType = static_cast<MetricsEventType>(type);
-    result.clock =
-        bt_clock_snapshot_get_value(bt_message_event_borrow_default_clock_snapshot_const(message));
+    const bt_clock_snapshot* const clock =
+        bt_message_event_borrow_default_clock_snapshot_const(message);
+    result.clock = bt_clock_snapshot_get_value(clock);
+    Check(bt_clock_snapshot_get_ns_from_origin(clock, &result.wall) ==
+              BT_CLOCK_SNAPSHOT_GET_NS_FROM_ORIGIN_STATUS_OK,
+          "no wall time");
     e.timestamp =
         result.clock - Unsigned(Member(packet, "lag_base")) - Unsigned(Member(context, "lag"));
     const auto wall =
@@ -103,6 +109,19 @@ inline TraceEvent Event(const bt_message* message) {
     e.param1 = Value(Member(payload, "param1"));
     e.param2 = Value(Member(payload, "param2"));
     return result;
+}
+
+inline std::map<std::string, std::string> Environment(const bt_trace* trace) {
+    std::map<std::string, std::string> environment;
+    for (std::uint64_t i = 0; i < bt_trace_get_environment_entry_count(trace); ++i) {
+        const char* name = nullptr;
+        const bt_value* value = nullptr;
+        bt_trace_borrow_environment_entry_by_index_const(trace, i, &name, &value);
+        environment[name] = bt_value_is_string(value)
+                                ? bt_value_string_get(value)
+                                : std::to_string(bt_value_integer_signed_get(value));
+    }
+    return environment;
 }
 
 struct Sink {
@@ -129,7 +148,10 @@ inline bt_graph_simple_sink_component_consume_func_status Consume(bt_message_ite
         try {
             std::uint64_t discarded = 0;
             const bt_message_type type = bt_message_get_type(message);
-            if (type == BT_MESSAGE_TYPE_EVENT)
+            if (type == BT_MESSAGE_TYPE_STREAM_BEGINNING)
+                sink.trace.environment = Environment(bt_stream_borrow_trace_const(
+                    bt_message_stream_beginning_borrow_stream_const(message)));
+            else if (type == BT_MESSAGE_TYPE_EVENT)
                 sink.trace.events.push_back(Event(message));
             else if (type == BT_MESSAGE_TYPE_DISCARDED_EVENTS &&
                      bt_message_discarded_events_get_count(message, &discarded) ==
