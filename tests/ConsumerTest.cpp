@@ -318,4 +318,31 @@ TEST(Consumer, LearnsWhichThreadHasEmitted) {
     EXPECT_EQ(asynchronous, emitters);
 }
 
+TEST(Consumer, CanBeRemovedOnceItHasComeBackFromTheCallInWhichItWasSetAside) {
+    std::atomic<bool> isFree{false};
+    std::atomic<int> others{0};
+    const Session session;
+    MetricsConsumerOptions options;
+    options.maxCallMilliseconds = 20;
+    const auto stuck = MakeListener([&](const MetricsEvent&) { isFree.wait(false); });
+    Manager().AddConsumer(stuck, everyBit, false, options);
+    Manager().AddConsumer(stuck, everyBit, false); // never inside of two calls at once
+    Manager().AddConsumer(MakeListener([&](const MetricsEvent&) { ++others; }), everyBit, false);
+    for (int i = 0; i < 3; ++i)
+        Send(0, 0, 0);
+    Flush();
+    EXPECT_EQ(others, 3);
+    for (const auto& consumer : Manager().GetStatistics().consumers)
+        EXPECT_EQ(consumer.setAside, consumer.calls == 0) << consumer.name;
+
+    isFree = true;
+    isFree.notify_all();
+    EXPECT_TRUE(Manager().RemoveConsumer(stuck));
+    EXPECT_TRUE(Manager().RemoveConsumer(stuck));
+    // One that may stand where the former one stood.
+    const auto next = MakeListener([](const MetricsEvent&) {});
+    Manager().AddConsumer(next, everyBit, false, options);
+    EXPECT_TRUE(Manager().RemoveConsumer(next));
+}
+
 } // namespace Metrics::test
