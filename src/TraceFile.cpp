@@ -218,6 +218,7 @@ int TraceFile::RemoveOldTrace() {
     }
     std::vector<std::string> parts;
     bool isOther = false;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody else reads from these entries
     while (const dirent* const entry = readdir(entries.get())) {
         const std::string_view name = entry->d_name;
         if (name.starts_with(partPrefix))
