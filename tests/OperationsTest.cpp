@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <latch>
@@ -471,6 +472,73 @@ TEST(Statistics, AreEmptyInAForkedChild) {
 }
 
 // The end --------------------------------------------------------------------------------------
+
+TEST(SecondThread, GoesOnBehindWhoIsStuckInOrderAndWithNothingTwice) {
+    constexpr std::int64_t events = 200;
+    std::atomic<bool> isFree{false};
+    std::atomic<int> back{0};
+    std::array<Numbers, 3> seen;
+    std::array<std::vector<pid_t>, 3> threads;
+    const auto witness = [&](std::size_t number) {
+        return [&, number](const MetricsEvent& event) {
+            seen.at(number).push_back(event.param1.integer);
+            threads.at(number).push_back(gettid());
+            EXPECT_EQ(*event.param2.text, "as it was");
+        };
+    };
+    // Two of them in the same event, and the third one later.
+    const auto stuckAt = [&](const std::string& name, std::int64_t number) {
+        Register(false, {name, 0, 20}, [&, number](const MetricsEvent& event) {
+            if (event.param1.integer == number) {
+                isFree.wait(false);
+                EXPECT_EQ(*event.param2.text, "as it was") << "freed under the one who is stuck";
+                ++back;
+            }
+        });
+    };
+    Register(false, {"first", 0, 0}, witness(0));
+    stuckAt("a", 10);
+    Register(false, {"second", 0, 0}, witness(1));
+    stuckAt("b", 10);
+    stuckAt("c", 150);
+    const auto last = Register(false, {"third", 0, 0}, witness(2));
+
+    for (std::int64_t i = 0; i < events; ++i)
+        Send(i, "as it was");
+    Flush();
+    EXPECT_EQ(back, 0);
+    for (std::size_t i = 0; i < seen.size(); ++i)
+        EXPECT_EQ(seen.at(i), From(0, events)) << i;
+    EXPECT_NE(threads[0].front(), threads[0].back());
+    EXPECT_NE(threads[1].at(10), threads[2].at(10)) << "within one event";
+    for (const char* name : {"a", "b", "c"})
+        EXPECT_TRUE(Describe(name).setAside) << name;
+    EXPECT_FALSE(Describe("third").setAside);
+    EXPECT_TRUE(Manager().RemoveConsumer(last)) << "which waits for none of them";
+
+    const MetricsShutdownReport report = Manager().Shutdown(forever);
+    EXPECT_TRUE(report.ended);
+    EXPECT_EQ(report.statistics.delivered, std::uint64_t{events});
+    EXPECT_EQ(back, 0);
+    isFree = true;
+    isFree.notify_all();
+    EXPECT_TRUE(Poll([&] { return back == 3; }));
+}
+
+TEST(SecondThread, DoesNotStepInWhereManyShortCallsTakeLong) {
+    const Session session;
+    std::vector<pid_t> threads;
+    Register(false, {"short", 0, 200}, [&](const MetricsEvent&) {
+        threads.push_back(gettid());
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    });
+    for (int i = 0; i < 100; ++i)
+        Send(0, 0);
+    Flush();
+    EXPECT_EQ(threads.size(), 100U);
+    EXPECT_EQ(std::count(threads.begin(), threads.end(), threads[0]), 100);
+    EXPECT_FALSE(Describe("short").setAside);
+}
 
 TEST(ShutdownReport, SaysWhatBecameOfEverything) {
     Register(false, {"counts", 0, 0}, [](const MetricsEvent&) {});
