@@ -23,11 +23,13 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <iostream>
 #include <map>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -268,7 +270,10 @@ std::uint64_t ToNanoseconds(const std::string& text) {
 int RunConvert(const Options& options, ConvertOptions wanted) {
     std::string format;
     for (const std::string& to : wanted.to) {
-        if (to == "otlp" || to == "chrome" || to == "table")
+        const bool isFormat = to == "otlp" || to == "chrome" || to == "table";
+        if (isFormat && !format.empty())
+            throw std::runtime_error("one format at a time: '" + format + "' or '" + to + "'");
+        if (isFormat)
             format = to;
         else
             wanted.chrome.to = ToNanoseconds(to);
@@ -281,10 +286,21 @@ int RunConvert(const Options& options, ConvertOptions wanted) {
         wanted.to.size() > 1 || !wanted.from.empty() || wanted.chrome.slowest || wanted.chrome.root;
     if (isPart && format != "chrome")
         throw std::runtime_error("only --to chrome takes a part of a run");
+    if (wanted.chrome.from > wanted.chrome.to)
+        throw std::runtime_error("--from is behind --to");
+    if (format == "table" && wanted.path == "-")
+        throw std::runtime_error("tables are two files: `-o NAME`");
+    for (const std::string& file : options.files) {
+        std::error_code none; // of a file that is not there
+        if (file != "-" && std::filesystem::equivalent(file, wanted.path, none))
+            throw std::runtime_error("'" + wanted.path + "' is the run itself");
+    }
     Loader loader;
     const Model model = loader.Load(options);
     if (model.runs.empty())
         return failed;
+    if (wanted.chrome.root && !FindTree(model, *wanted.chrome.root))
+        throw std::runtime_error("there is no context " + std::to_string(*wanted.chrome.root));
     std::vector<RunIdentity> identities;
     for (const Run& run : model.runs)
         identities.push_back(

@@ -93,6 +93,26 @@ no_colors
 expect 0 "$metrics" top -n 2 -d 0.01 run.csv --json
 says '{"interval_ns":5900,"events":13,' '{"interval_ns":0,"events":0,'
 
+# What convert refuses leaves the run as it is.
+refuses() { # WHAT IT SAYS, THE OPTIONS
+    expect 2 "$metrics" convert copy.csv "${@:2}"
+    says "$1"
+    cmp run.csv copy.csv || fail "convert has written over its input"
+}
+cp run.csv copy.csv
+refuses 'two files' --to table -o -
+refuses 'is the run itself' --to otlp -o ./copy.csv
+refuses 'one format' --to otlp --to chrome -o out
+refuses 'no context 4711' --to chrome --root 4711 -o out
+refuses '--from is behind --to' --to chrome --from 2 --to 1 -o out
+
+# SQL engines cut a text at a NUL, or refuse the file.
+sed 's/,rows,/,ro\x00ws,/; s/get, /get\x00, /' run.csv >nul.csv
+nuls() { cat "$@" | tr -dc '\0' | wc -c; }
+[[ $(nuls nul.csv) == 3 ]] || fail "there is no NUL to be mended"
+expect 0 "$metrics" convert nul.csv --to table -o nul
+[[ $(nuls nul.spans.csv nul.events.csv) == 0 ]] || fail "a table has a NUL"
+
 # On a terminal there are colours, unless nobody wants them; top has a screen of its own, which it
 # leaves as it ends, by a signal as well.
 if command -v script >/dev/null; then

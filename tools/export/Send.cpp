@@ -423,19 +423,39 @@ private:
 class FollowedFile {
 public:
     FollowedFile(std::string path, const SendOptions& options, Poster& poster,
-                 std::function<bool()> isStopped)
-        : m_path(std::move(path)), m_run(m_path, options, poster, std::move(isStopped)) {}
+                 std::function<bool()> isStopped,
+                 const std::function<void(const std::string&)>& problem)
+        : m_path(std::move(path)),
+          m_run(m_path, options, poster, std::move(isStopped)),
+          m_problem(&problem) {}
 
     /// @return whether there was anything new.
     bool Read() {
-        if (m_reader != nullptr && IsAnother()) {
-            m_run.Flush();
+        try {
+            const Fate fate = m_reader != nullptr || m_isUnreadable ? FindFate() : Fate::Same;
+            if (m_isUnreadable && fate == Fate::Same)
+                return false;
+            // What is left of a file that was replaced can still be read.
+            if (m_reader != nullptr && fate == Fate::Replaced && m_reader->Read(m_batch))
+                return m_run.Add(m_batch);
+            if (fate != Fate::Same) {
+                m_run.Flush();
+                m_reader.reset();
+                m_isUnreadable = false;
+            }
+            if (m_reader == nullptr && !Open())
+                return false;
+            return m_reader->Read(m_batch) && m_run.Add(m_batch);
+        } catch (const ReadError& error) {
+            (*m_problem)(error.what());
             m_reader.reset();
-        }
-        if (m_reader == nullptr && !Open())
+            m_isUnreadable = true;
             return false;
-        return m_reader->Read(m_batch) && m_run.Add(m_batch);
+        }
     }
+
+    /// Until another one takes its place.
+    bool IsUnreadable() const { return m_isUnreadable; }
 
     void SettleAll() { m_run.SettleAll(); }
     bool Flush() { return m_run.Flush(); }
@@ -462,27 +482,35 @@ private:
         const std::optional<Identity> identity = Look();
         if (!identity || (identity->isRegular && identity->size == 0))
             return false; // not yet
-        m_reader = OpenCsv(m_path, true);
         m_identity = *identity;
+        m_reader = OpenCsv(m_path, true);
         m_run.Begin({}, {});
         return true;
     }
 
-    /// Whether the file was replaced, or emptied and begun anew.
-    bool IsAnother() {
+    enum class Fate {
+        Same,
+        Replaced, ///< by another file
+        Emptied,  ///< and begun anew
+    };
+
+    Fate FindFate() {
         const std::optional<Identity> now = Look();
         if (!now || !m_identity.isRegular)
-            return false;
-        const bool isOther = now->inode != m_identity.inode || now->device != m_identity.device ||
-                             now->size < m_identity.size;
-        m_identity.size = std::max(m_identity.size, now->size);
-        return isOther;
+            return Fate::Same;
+        if (now->inode != m_identity.inode || now->device != m_identity.device)
+            return Fate::Replaced;
+        const bool isSmaller = now->size < m_identity.size;
+        m_identity.size = now->size;
+        return isSmaller ? Fate::Emptied : Fate::Same;
     }
 
     std::string m_path;
     RunSender m_run;
+    const std::function<void(const std::string&)>* m_problem;
     std::unique_ptr<Reader> m_reader;
     Identity m_identity;
+    bool m_isUnreadable = false;
     EventBatch m_batch;
 };
 
@@ -494,15 +522,20 @@ SendResult FollowFiles(const SendOptions& options,
     const auto isStopped = [&] { return signals.Wait(milliseconds(0)); };
     std::deque<FollowedFile> files;
     for (const std::string& path : options.paths)
-        files.emplace_back(path, options, poster, isStopped);
+        files.emplace_back(path, options, poster, isStopped, problem);
     Clock::time_point lastFlush = Clock::now();
     Clock::time_point lastNews = lastFlush;
     bool isIdle = false;
+    std::size_t readable = files.size();
     while (!signals.Wait(milliseconds(isIdle ? 200 : 0)) && !poster.HasFailed()) {
         isIdle = true;
         for (FollowedFile& file : files)
             if (file.Read())
                 isIdle = false;
+        readable = static_cast<std::size_t>(std::count_if(
+            files.begin(), files.end(), [](const auto& file) { return !file.IsUnreadable(); }));
+        if (readable == 0)
+            break;
         if (!isIdle)
             lastNews = Clock::now();
         else if (Clock::now() - lastNews > std::chrono::seconds(1))
@@ -521,7 +554,7 @@ SendResult FollowFiles(const SendOptions& options,
         sentBefore += file.SentBefore();
     }
     SendResult result = poster.Finish();
-    result.runs = files.size();
+    result.runs = readable;
     result.sentBefore = sentBefore;
     return result;
 }

@@ -8,16 +8,28 @@ namespace Metrics::tools {
 
 namespace {
 
-/// Appends a field of RFC 4180, in valid UTF-8.
+/// Appends valid UTF-8 without NUL, at which engines cut a text or refuse a file.
+void AppendText(std::string& out, std::string_view text) {
+    for (;;) {
+        const std::size_t nul = text.find('\0');
+        AppendUtf8(out, text.substr(0, nul));
+        if (nul == std::string_view::npos)
+            return;
+        out += "\xef\xbf\xbd"; // U+FFFD
+        text.remove_prefix(nul + 1);
+    }
+}
+
+/// Appends a field of RFC 4180.
 void AppendField(std::string& out, std::string_view text) {
     if (text.find_first_of(",\"\r\n") == std::string_view::npos) {
-        AppendUtf8(out, text);
+        AppendText(out, text);
         return;
     }
     out += '"';
     while (!text.empty()) {
         const std::size_t quote = text.find('"');
-        AppendUtf8(out, text.substr(0, quote));
+        AppendText(out, text.substr(0, quote));
         if (quote == std::string_view::npos)
             break;
         out += "\"\"";

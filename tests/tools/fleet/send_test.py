@@ -171,8 +171,8 @@ for encoding in "protobuf", "json":
         assert send(collector, "--host", "red", path="kinds.csv")[0]["spans"] == 3
 
 
-def follow(path, url):
-    process = subprocess.Popen([metrics, "send", path, "--follow", "--otlp", url, "--json"],
+def follow(path, url, *others):
+    process = subprocess.Popen([metrics, "send", path, *others, "--follow", "--otlp", url, "--json"],
                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
     atexit.register(process.kill)
     return process
@@ -238,6 +238,28 @@ result, said = end(process)
 assert process.returncode == 0 and result["spans"] >= 3 * 52 + 1, (result, said)
 assert send(f"http://127.0.0.1:{port}", path="growing.csv")[0] == {
     "runs": 1, "spans": 0, "sent_before": 3, "rejected": 0, "requests": 0}
+
+# A file that is replaced is read to its end first; one that is no file of events stops no other.
+pathlib.Path("other.csv").write_text("no events\n")
+pathlib.Path("turned.csv").write_text(HEADER + CLIENT + request(500, 2))
+before = len(collector.spans)
+process = follow("turned.csv", collector.url, "other.csv")
+assert "other.csv:1: not a file of events" in process.stderr.readline()
+collector.wait_for(lambda c: len(c.spans) >= before + 3)
+process.send_signal(signal.SIGSTOP)
+with open("turned.csv", "a") as file:
+    file.write(request(4_000, 3))
+pathlib.Path("fresh.csv").write_text((HEADER + CLIENT + request(500, 2)).replace("17000", "17100"))
+os.rename("fresh.csv", "turned.csv")
+pathlib.Path("other.csv").unlink()
+pathlib.Path("other.csv").write_text((HEADER + CLIENT + request(500, 2)).replace("17000", "17200"))
+process.send_signal(signal.SIGCONT)
+collector.wait_for(lambda c: len(c.spans) >= before + 12)
+result, said = end(process)
+assert process.returncode == 0 and result["spans"] == 12 and result["runs"] == 2, (result, said)
+pathlib.Path("other.csv").write_text("no events\n")
+process = follow("other.csv", collector.url)
+assert process.wait(60) == 2
 
 # With the collector away the file waits, not the memory; and the end does not wait for it.
 collector.__exit__()
