@@ -122,6 +122,9 @@ expect 0 "$metrics" convert run.csv run.csv --to chrome -o two.json
 [[ $(grep -o '"process_name","pid":[0-9]*' two.json | sort -u | wc -l) == 2 ]] ||
     fail "$(<two.json)"
 
+expect 0 "$metrics" convert copy.csv --to table -o copy.csv
+[[ -s copy.csv.spans.csv && -s copy.csv.events.csv ]] || fail "there are no tables"
+
 # SQL engines cut a text at a NUL, or refuse the file.
 sed 's/,rows,/,ro\x00ws,/; s/get, /get\x00, /' run.csv >nul.csv
 nuls() { cat "$@" | tr -dc '\0' | wc -c; }
