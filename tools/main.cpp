@@ -292,7 +292,8 @@ int RunConvert(const Options& options, ConvertOptions wanted) {
         throw std::runtime_error("tables are two files: `-o NAME`");
     for (const std::string& file : options.files) {
         std::error_code none; // of a file that is not there
-        if (file != "-" && std::filesystem::equivalent(file, wanted.path, none))
+        if (format != "table" && file != "-" &&
+            std::filesystem::equivalent(file, wanted.path, none))
             throw std::runtime_error("'" + wanted.path + "' is the run itself");
     }
     Loader loader;

@@ -269,6 +269,36 @@ TEST(Export, ExportsWhatIsOpenAndWhatIsOnlyKnownFromOthers) {
     EXPECT_TRUE(numbers.empty());
 }
 
+TEST(Export, EndsAScopeWithItsContextAtTheLatest) {
+    Recording recording;
+    recording.Create(10, 2, 1);
+    recording.Open(20, 2, 1);
+    recording.Use(20, 2, "request", 4);
+    recording.Begin(25, 2, "cut");
+    recording.Close(40, 2, 1);
+    recording.Emit(90, 1, "much later", 0);
+    const SpanId cut = SpanIds({"", "red", 4000, 1'700'000'000'000'000'000}).OfScope(2, 1);
+    Numbers numbers;
+    for (Lines lines : {FromModel(recording.Text()), FromFollower(recording.Text(), numbers)})
+        EXPECT_NE(lines[cut].find(" at 25-40 end? "), std::string::npos) << lines[cut];
+}
+
+TEST(Export, CountsTheEventsThatAContextHasNoRoomFor) {
+    std::uint64_t dropped = 0;
+    std::size_t kept = 0;
+    SpanFollower follower({"", "red", 4000, 0}, {2, 2}, {}, [&](const Span& span, std::uint64_t) {
+        dropped += span.droppedEvents;
+        kept += span.events.size();
+    });
+    follower.Add({.type = EventType::ContextOpened, .id = 2});
+    for (std::uint64_t i = 0; i < 5; ++i)
+        follower.Add({.stamp = i, .context = 2, .type = EventType::Custom, .first = "event"});
+    follower.Add({.stamp = 9, .type = EventType::ContextClosed, .id = 2});
+    follower.Finish();
+    EXPECT_EQ(kept, 2U);
+    EXPECT_EQ(dropped, 3U);
+}
+
 TEST(Export, HoldsATreeBackUntilItsTraceIsKnown) {
     Recording recording;
     const auto tell = [&](std::uint64_t at) {
@@ -346,6 +376,21 @@ TEST(Export, NestsSlicesOnEachThread) {
                                              : line.substr(2, line.find(" of ") - 2));
         EXPECT_EQ(begun, wanted) << "nothing is left out, seed " << seed;
     }
+}
+
+TEST(Export, NestsWhatBeginsAtOneTime) {
+    Recording recording;
+    recording.Create(10, 2, 1);
+    recording.Open(20, 2, 1);
+    recording.Use(20, 2, "request", 4);
+    recording.Begin(20, 2, "part");
+    recording.End(30, 2, "part");
+    recording.End(50, 2, "request");
+    recording.Close(60, 2, 1);
+    std::string phases;
+    for (const Json& event : ToChrome(recording.Text()))
+        phases += event["ph"].get<std::string>();
+    EXPECT_EQ(phases, "MMBBBEEE");
 }
 
 TEST(Export, WritesAPartOfARun) {

@@ -106,6 +106,25 @@ refuses 'one format' --to otlp --to chrome -o out
 refuses 'no context 4711' --to chrome --root 4711 -o out
 refuses '--from is behind --to' --to chrome --from 2 --to 1 -o out
 
+# The tables, to the field.
+expect 0 "$metrics" convert run.csv --to table -o run --host red
+[[ $(cut -d, -f1-3,8- run.spans.csv) == 'run,host,pid,kind,label,thread,created,start,end,self,attributes
+run.csv,red,7,context,"get, <b>",8,1700000000000000900,1700000000000001900,1700000000000004900,0,"{""user"":""caf'$'\357\277\275''\u001b[31m""}"
+run.csv,red,7,queue,"get, <b>",8,1700000000000000900,1700000000000000900,1700000000000001900,1000,{}
+run.csv,red,7,scope,"get, <b>",8,,1700000000000001900,1700000000000004900,3000,{}' ]] ||
+    fail "the table is $(<run.spans.csv)"
+sed 's/,rows,/,a\rrow,/' run.csv >return.csv
+expect 0 "$metrics" convert return.csv --to table -o return
+grep -q $',"a\rrow",5$' return.events.csv || fail "a bare CR: $(<return.events.csv)"
+
+# Two processes of one number are two in the viewer.
+expect 0 "$metrics" convert run.csv run.csv --to chrome -o two.json
+[[ $(grep -o '"process_name","pid":[0-9]*' two.json | sort -u | wc -l) == 2 ]] ||
+    fail "$(<two.json)"
+
+expect 0 "$metrics" convert copy.csv --to table -o copy.csv
+[[ -s copy.csv.spans.csv && -s copy.csv.events.csv ]] || fail "there are no tables"
+
 # SQL engines cut a text at a NUL, or refuse the file.
 sed 's/,rows,/,ro\x00ws,/; s/get, /get\x00, /' run.csv >nul.csv
 nuls() { cat "$@" | tr -dc '\0' | wc -c; }
