@@ -27,7 +27,9 @@ std::byte* EventQueue::BeginNextChunk(std::byte* at) {
         if (Chunk::RoomAt(at) != 0)
             Record::At(at)->size = 0; // the end mark
     }
-    m_begun.store(m_begun.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    // Release: whoever sees that it has begun sees which one it is.
+    m_last.store(&chunk, std::memory_order_relaxed);
+    m_begun.store(m_begun.load(std::memory_order_relaxed) + 1, std::memory_order_release);
     m_roomEnd = reinterpret_cast<std::byte*>(&chunk) + Chunk::size;
     return chunk.Begin();
 }
@@ -156,8 +158,19 @@ std::size_t EventQueue::QueuedBytes() const noexcept {
     const std::byte* const read = m_read.load(std::memory_order_acquire);
     const std::uint64_t taken = Position(read, m_entered.load(std::memory_order_acquire));
     const std::uint64_t outsideTaken = m_outsideTaken.load(std::memory_order_relaxed);
-    return below(taken, Position(Published(), m_begun.load(std::memory_order_relaxed))) +
+    return below(taken, PublishedPosition()) +
            below(outsideTaken, m_outside.load(std::memory_order_relaxed));
+}
+
+std::uint64_t EventQueue::PublishedPosition() const noexcept {
+    // A chunk begins before anything in it is published. Never too much, then: what is published is
+    // in the last of the chunks that had begun before, or in the one before that.
+    const std::uint64_t begun = m_begun.load(std::memory_order_acquire);
+    const std::byte* const at = Published();
+    if (at == nullptr || begun == 0)
+        return 0;
+    const bool isInLast = Chunk::Of(at - 1) == m_last.load(std::memory_order_relaxed);
+    return Position(at, isInLast ? begun : begun - 1);
 }
 
 namespace {

@@ -234,6 +234,8 @@ private:
         m_taken.store(taken, std::memory_order_release);
     }
 
+    std::uint64_t PublishedPosition() const noexcept;
+
     /// Where a pointer into the chunks stands, in bytes from the queue's very beginning.
     static std::uint64_t Position(const std::byte* at, std::uint64_t chunks) noexcept {
         return at == nullptr ? 0 : chunks * Chunk::size - Chunk::RoomAt(at);
@@ -243,10 +245,11 @@ private:
     std::atomic<std::byte*> m_published{nullptr};
     std::byte* m_roomEnd =
         nullptr; // up to where may be written: the chunk's end, or what is granted
-    std::atomic<std::uint64_t> m_appended{0}; // records, ever
-    std::atomic<std::uint64_t> m_begun{0};    // chunks, ever
-    std::atomic<std::uint64_t> m_outside{0};  // bytes, ever
-    Chunk* m_first = nullptr;                 // published by the first record
+    std::atomic<std::uint64_t> m_appended{0};  // records, ever
+    std::atomic<const Chunk*> m_last{nullptr}; // which m_published may not have reached yet
+    std::atomic<std::uint64_t> m_begun{0};     // chunks, ever, m_last included
+    std::atomic<std::uint64_t> m_outside{0};   // bytes, ever
+    Chunk* m_first = nullptr;                  // published by the first record
 
     // Written by the delivery thread, and on another cache line.
     alignas(64) std::atomic<std::byte*> m_read{nullptr};
