@@ -30,7 +30,7 @@ std::byte* EventQueue::BeginNextChunk(std::byte* at) {
     // Release: whoever sees that it has begun sees which one it is.
     m_last.store(&chunk, std::memory_order_relaxed);
     m_begun.store(m_begun.load(std::memory_order_relaxed) + 1, std::memory_order_release);
-    m_roomEnd = reinterpret_cast<std::byte*>(&chunk) + Chunk::size;
+    SetRoomEnd(reinterpret_cast<std::byte*>(&chunk) + Chunk::size);
     return chunk.Begin();
 }
 
@@ -40,14 +40,14 @@ std::byte* EventQueue::MakeRoom(std::byte* at, std::size_t size) {
     const std::size_t room = Chunk::RoomAt(at);
     if (room < size)
         return BeginNextChunk(at);
-    m_roomEnd = at + room; // there was a limit when the last grant was made
+    SetRoomEnd(at + room); // there was a limit when the last grant was made
     return at;
 }
 
 std::byte* EventQueue::MakeLimitedRoom(std::byte* at, std::size_t size) {
     for (;;) {
         const std::size_t room = Chunk::RoomAt(at);
-        const auto granted = static_cast<std::size_t>(m_roomEnd - at); // less than is needed
+        const auto granted = static_cast<std::size_t>(RoomEnd() - at); // less than is needed
         const bool isNew = room < size;
         // What stays unused at the end of a chunk is taken as well, and so is the head of the next.
         const std::size_t fixed = isNew ? room - granted + sizeof(Chunk) : 0;
@@ -65,7 +65,7 @@ std::byte* EventQueue::MakeLimitedRoom(std::byte* at, std::size_t size) {
         if (std::byte* const now = m_published.load(std::memory_order_relaxed); now != at)
             [[unlikely]] {
             s_queueLimit.Give(taken);
-            if (static_cast<std::size_t>(m_roomEnd - now) >= size)
+            if (static_cast<std::size_t>(RoomEnd() - now) >= size)
                 return now;
             at = now;
             continue;
@@ -75,7 +75,7 @@ std::byte* EventQueue::MakeLimitedRoom(std::byte* at, std::size_t size) {
             charged.store(charged.load(std::memory_order_relaxed) +
                               static_cast<std::uint32_t>(taken),
                           std::memory_order_relaxed);
-            m_roomEnd += taken;
+            SetRoomEnd(RoomEnd() + taken);
             return at;
         }
         std::byte* begin = nullptr;
@@ -94,7 +94,7 @@ std::byte* EventQueue::MakeLimitedRoom(std::byte* at, std::size_t size) {
         }
         Chunk::Of(begin)->charged.store(static_cast<std::uint32_t>(taken - rest),
                                         std::memory_order_relaxed);
-        m_roomEnd = begin + (taken - rest - sizeof(Chunk));
+        SetRoomEnd(begin + (taken - rest - sizeof(Chunk)));
         return begin;
     }
 }
@@ -247,7 +247,7 @@ void EventQueue::Release() noexcept {
     m_givenBack = 0;
     s_chunks.Put(*last);
     m_first = nullptr;
-    m_roomEnd = nullptr;
+    SetRoomEnd(nullptr);
     // What was appended first: see QueuedBytes.
     m_published.store(nullptr, std::memory_order_relaxed);
     m_begun.store(0, std::memory_order_relaxed);

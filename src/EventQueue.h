@@ -235,6 +235,8 @@ private:
     }
 
     std::uint64_t PublishedPosition() const noexcept;
+    std::byte* RoomEnd() const noexcept { return m_roomEnd.load(std::memory_order_relaxed); }
+    void SetRoomEnd(std::byte* end) noexcept { m_roomEnd.store(end, std::memory_order_relaxed); }
 
     /// Where a pointer into the chunks stands, in bytes from the queue's very beginning.
     static std::uint64_t Position(const std::byte* at, std::uint64_t chunks) noexcept {
@@ -243,8 +245,9 @@ private:
 
     // Written by the owner, read by whoever wants figures. Relaxed, but for the first one.
     std::atomic<std::byte*> m_published{nullptr};
-    std::byte* m_roomEnd =
-        nullptr; // up to where may be written: the chunk's end, or what is granted
+    // Up to where may be written: the chunk's end, or what is granted. Atomic, since whoever takes
+    // the queue from an ended thread does not know when that one looked at it last.
+    std::atomic<std::byte*> m_roomEnd{nullptr};
     std::atomic<std::uint64_t> m_appended{0};  // records, ever
     std::atomic<const Chunk*> m_last{nullptr}; // which m_published may not have reached yet
     std::atomic<std::uint64_t> m_begun{0};     // chunks, ever, m_last included
@@ -264,7 +267,7 @@ inline Record* EventQueue::Reserve(const Stamp& stamp, std::size_t size) {
     std::byte* at = m_published.load(std::memory_order_relaxed);
     if (stamp.ticket != 0) [[unlikely]]
         size += sizeof stamp.ticket;
-    if (static_cast<std::size_t>(m_roomEnd - at) < size) [[unlikely]] {
+    if (static_cast<std::size_t>(RoomEnd() - at) < size) [[unlikely]] {
         at = MakeRoom(at, size);
         if (at == nullptr)
             return nullptr;
