@@ -20,6 +20,7 @@ struct alignas(64) Chunk {
     std::atomic<bool> hasObjects;     // in use: something in it must be destroyed
     std::uint64_t appended; // full: how many records its queue had come to; published as `next` is
     std::atomic<std::uint32_t> charged; // in use: how much of it the QueueLimit has been charged
+    std::atomic<std::uint64_t> number;  // in use: how many its queue had begun with it
 
     /// Relaxed: published with the record that holds the object.
     void MarkObjects() noexcept { hasObjects.store(true, std::memory_order_relaxed); }

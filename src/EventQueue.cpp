@@ -18,16 +18,18 @@ std::byte* EventQueue::BeginNextChunk(std::byte* at) {
     chunk.next.store(nullptr, std::memory_order_relaxed);
     chunk.hasObjects.store(false, std::memory_order_relaxed);
     chunk.charged.store(0, std::memory_order_relaxed);
+    std::uint64_t before = 0;
     if (at == nullptr) {
         m_first = &chunk;
     } else {
         Chunk* const full = Chunk::Of(at - 1);
+        before = full->number.load(std::memory_order_relaxed);
         full->appended = m_appended.load(std::memory_order_relaxed);
         full->next.store(&chunk, std::memory_order_relaxed);
         if (Chunk::RoomAt(at) != 0)
             Record::At(at)->size = 0; // the end mark
     }
-    m_begun.store(m_begun.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    chunk.number.store(before + 1, std::memory_order_release); // see Position
     m_roomEnd = reinterpret_cast<std::byte*>(&chunk) + Chunk::size;
     return chunk.Begin();
 }
@@ -115,16 +117,17 @@ bool EventQueue::Append(const Stamp& stamp, std::shared_ptr<MetricsEvent>&& even
 
 std::byte* EventQueue::EnterNextChunk() noexcept {
     Chunk* next = m_first;
+    Chunk* left = nullptr;
     if (std::byte* const at = Read(); at != nullptr) {
-        Chunk* const left = Chunk::Of(at - 1);
+        left = Chunk::Of(at - 1);
         // Relaxed: published with a record behind it, which was seen.
         next = left->next.load(std::memory_order_relaxed);
         s_queueLimit.Give(left->charged.load(std::memory_order_relaxed) - m_givenBack);
         m_givenBack = 0;
-        s_chunks.Put(*left);
     }
-    m_entered.store(m_entered.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     m_read.store(next->Begin(), std::memory_order_relaxed);
+    if (left != nullptr)
+        s_chunks.Put(*left); // see Position
     return next->Begin();
 }
 
@@ -147,16 +150,29 @@ void EventQueue::CountOutsideTaken(Outside outside) noexcept {
                          std::memory_order_relaxed);
 }
 
+std::uint64_t EventQueue::Position(const std::atomic<std::byte*>& place) noexcept {
+    // Acquire: once the queue was released, nothing of before is seen as appended.
+    const std::byte* at = place.load(std::memory_order_acquire);
+    while (at != nullptr) {
+        const Chunk* const chunk = Chunk::Of(at - 1);
+        // Acquire: it may have become another queue's; then this one is seen to have left it.
+        const std::uint64_t number = chunk->number.load(std::memory_order_acquire);
+        const std::byte* const now = place.load(std::memory_order_acquire);
+        if (now != nullptr && Chunk::Of(now - 1) == chunk)
+            return number * Chunk::size - Chunk::RoomAt(at);
+        at = now;
+    }
+    return 0;
+}
+
 std::size_t EventQueue::QueuedBytes() const noexcept {
     const auto below = [](std::uint64_t taken, std::uint64_t all) {
         return static_cast<std::size_t>(all > taken ? all - taken : 0);
     };
-    // What was taken first, so that the difference is rather too large than too small. Acquire:
-    // once the queue was released, nothing of before is seen as appended.
-    const std::byte* const read = m_read.load(std::memory_order_acquire);
-    const std::uint64_t taken = Position(read, m_entered.load(std::memory_order_acquire));
+    // What was taken first, so that the difference is rather too large than too small.
+    const std::uint64_t taken = Position(m_read);
     const std::uint64_t outsideTaken = m_outsideTaken.load(std::memory_order_relaxed);
-    return below(taken, Position(Published(), m_begun.load(std::memory_order_relaxed))) +
+    return below(taken, Position(m_published)) +
            below(outsideTaken, m_outside.load(std::memory_order_relaxed));
 }
 
@@ -232,14 +248,12 @@ void EventQueue::Release() noexcept {
     Chunk* const last = Chunk::Of(at - 1);
     s_queueLimit.Give(last->charged.load(std::memory_order_relaxed) - m_givenBack);
     m_givenBack = 0;
-    s_chunks.Put(*last);
     m_first = nullptr;
     m_roomEnd = nullptr;
     // What was appended first: see QueuedBytes.
     m_published.store(nullptr, std::memory_order_relaxed);
-    m_begun.store(0, std::memory_order_relaxed);
-    m_entered.store(0, std::memory_order_release);
     m_read.store(nullptr, std::memory_order_release);
+    s_chunks.Put(*last); // see Position
 }
 
 } // namespace Metrics::detail

@@ -217,8 +217,8 @@ public:
     std::uint64_t Appended() const noexcept { return m_appended.load(std::memory_order_relaxed); }
 
     /// The memory that waiting records take, in the chunks and outside. Exact while nobody appends
-    /// or takes. For the one who takes it is off by a chunk at most; for anybody else it may be
-    /// larger by what came and went in between.
+    /// or takes. For the one who takes it is never too large; for anybody else it may be larger by
+    /// what came and went in between.
     std::size_t QueuedBytes() const noexcept;
 
 private:
@@ -234,24 +234,22 @@ private:
         m_taken.store(taken, std::memory_order_release);
     }
 
-    /// Where a pointer into the chunks stands, in bytes from the queue's very beginning.
-    static std::uint64_t Position(const std::byte* at, std::uint64_t chunks) noexcept {
-        return at == nullptr ? 0 : chunks * Chunk::size - Chunk::RoomAt(at);
-    }
+    /// Where m_read or m_published stands, in bytes from the queue's very beginning. A chunk may
+    /// be looked at at any time, see ChunkPool; the queue leaves it before it becomes another
+    /// one's.
+    static std::uint64_t Position(const std::atomic<std::byte*>& place) noexcept;
 
     // Written by the owner, read by whoever wants figures. Relaxed, but for the first one.
     std::atomic<std::byte*> m_published{nullptr};
     std::byte* m_roomEnd =
         nullptr; // up to where may be written: the chunk's end, or what is granted
     std::atomic<std::uint64_t> m_appended{0}; // records, ever
-    std::atomic<std::uint64_t> m_begun{0};    // chunks, ever
     std::atomic<std::uint64_t> m_outside{0};  // bytes, ever
     Chunk* m_first = nullptr;                 // published by the first record
 
     // Written by the delivery thread, and on another cache line.
     alignas(64) std::atomic<std::byte*> m_read{nullptr};
     std::atomic<std::uint64_t> m_taken{0};
-    std::atomic<std::uint64_t> m_entered{0};
     std::atomic<std::uint64_t> m_outsideTaken{0};
     std::size_t m_givenBack = 0; // of the chunk in which m_read stands
 };
