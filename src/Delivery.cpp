@@ -308,7 +308,6 @@ bool Delivery::LookAtQueues(Turn& turn, std::uint64_t cut) {
     turn.merge.Begin(cut);
     std::size_t bytes = 0;
     for (ThreadRecord* record = s_threads.First(); record != nullptr; record = record->next) {
-        bytes += record->queue.QueuedBytes();
         Losses& losses = record->losses;
         // Acquire: where the gap begins.
         const std::uint64_t lost = losses.toLimit.load(std::memory_order_acquire);
@@ -319,6 +318,8 @@ bool Delivery::LookAtQueues(Turn& turn, std::uint64_t cut) {
             losses.told.store(lost, std::memory_order_relaxed);
         }
         turn.merge.Add(record->queue, record->owner.load(std::memory_order_relaxed));
+        // Behind Add, which may give back the rest of a chunk: another queue may take it at once.
+        bytes += record->queue.QueuedBytes();
     }
     turn.merge.Order();
     const Record* const front = turn.merge.Front();

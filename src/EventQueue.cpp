@@ -116,17 +116,17 @@ bool EventQueue::Append(const Stamp& stamp, std::shared_ptr<MetricsEvent>&& even
 }
 
 std::byte* EventQueue::EnterNextChunk() noexcept {
-    Chunk* next = m_first;
-    if (std::byte* const at = Read(); at != nullptr) {
-        Chunk* const left = Chunk::Of(at - 1);
-        // Relaxed: published with a record behind it, which was seen.
-        next = left->next.load(std::memory_order_relaxed);
+    std::byte* const at = Read();
+    Chunk* const left = at == nullptr ? nullptr : Chunk::Of(at - 1);
+    // Relaxed: published with a record behind it, which was seen.
+    Chunk* const next = left == nullptr ? m_first : left->next.load(std::memory_order_relaxed);
+    m_entered.store(m_entered.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    m_read.store(next->Begin(), std::memory_order_release);
+    if (left != nullptr) { // behind that: what others are granted of it is not counted as queued
         s_queueLimit.Give(left->charged.load(std::memory_order_relaxed) - m_givenBack);
         m_givenBack = 0;
         s_chunks.Put(*left);
     }
-    m_entered.store(m_entered.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-    m_read.store(next->Begin(), std::memory_order_relaxed);
     return next->Begin();
 }
 

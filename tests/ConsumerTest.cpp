@@ -335,9 +335,16 @@ TEST(Consumer, CanBeRemovedOnceItHasComeBackFromTheCallInWhichItWasSetAside) {
     for (const auto& consumer : Manager().GetStatistics().consumers)
         EXPECT_EQ(consumer.setAside, consumer.calls == 0) << consumer.name;
 
+    std::atomic<pid_t> id{0};
+    std::jthread remover([&] {
+        id = gettid();
+        EXPECT_TRUE(Manager().RemoveConsumer(stuck));
+        EXPECT_TRUE(isFree) << "its call is in progress";
+    });
+    EXPECT_TRUE(Poll([&] { return id != 0 && IsAsleep(id); }));
     isFree = true;
     isFree.notify_all();
-    EXPECT_TRUE(Manager().RemoveConsumer(stuck));
+    remover.join();
     EXPECT_TRUE(Manager().RemoveConsumer(stuck));
     // One that may stand where the former one stood.
     const auto next = MakeListener([](const MetricsEvent&) {});

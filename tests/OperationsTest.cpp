@@ -57,8 +57,14 @@ public:
             }
             m_numbers.push_back(IsNotice(event) ? -1000 - event.param2.integer
                                                 : event.param1.integer);
-            m_ordered = m_ordered && event.timestamp >= std::exchange(m_last, event.timestamp);
+            m_ordered = m_ordered && event.timestamp >= std::exchange(m_last, event.timestamp) &&
+                        event.unixSeconds + 3600 >= std::exchange(m_lastSecond, event.unixSeconds);
         });
+        Hold();
+    }
+    void Hold() {
+        m_entered.Reset();
+        m_release.Reset();
         AttributeImpl(-1, 0, 0);
         EXPECT_TRUE(m_entered.Wait(forever));
     }
@@ -73,7 +79,7 @@ public:
 private:
     korsys::TEvent m_entered{false}, m_release{false};
     Numbers m_numbers;
-    std::uint64_t m_last = 0;
+    std::uint64_t m_last = 0, m_lastSecond = 0; // which a clock that is set may take back
     bool m_ordered = true;
 };
 
@@ -205,6 +211,115 @@ TEST(QueueLimit, LosesNothingWhereEmittersWaitForAFastConsumer) {
     EXPECT_EQ(delivered, events);
     EXPECT_EQ(Statistics().lostToLimit, 0u);
     EXPECT_LE(Statistics().peakQueuedBytes, 16384u * 105 / 100);
+}
+
+TEST(QueueLimit, HoldsNobodyBeyondTheEnd) {
+    HeldStream stream;
+    Manager().SetQueueLimit(4096, MetricsQueuePolicy::Wait, forever);
+    std::atomic<pid_t> id{0};
+    std::atomic<bool> isBack{false};
+    std::jthread waiting([&] {
+        id = gettid();
+        EmitTooMany();
+        isBack = true;
+    });
+    EXPECT_TRUE(Poll([&] { return id != 0 && IsAsleep(id); }));
+    EXPECT_FALSE(Manager().Shutdown(0).ended) << "a consumer is held";
+    EXPECT_TRUE(Poll([&] { return isBack.load(); }));
+    stream.Release();
+    EXPECT_TRUE(Poll([] { return Manager().Shutdown(0).ended; }));
+}
+
+TEST(QueueLimit, TellsOfNothingAsOlderThanWhatWasDelivered) {
+    std::vector<std::uint64_t> stamps;
+    std::atomic<int> notices{0};
+    Manager().SetQueueLimit(16384, MetricsQueuePolicy::DropNewest);
+    const Session session;
+    Consume(false, [&](const MetricsEvent& event) {
+        stamps.push_back(event.timestamp);
+        if (IsNotice(event)) {
+            if (++notices == 1)
+                AttributeImpl(-1, 0, 0); // newer than the next gap, which it comes before
+        } else if (event.param1.integer == -2) {
+            EmitTooMany();
+        } else if (event.param1.integer == 0) {
+            AttributeImpl(-1, 0, 0); // finds no room: the next gap
+        }
+    });
+    AttributeImpl(-2, 0, 0);
+    EXPECT_TRUE(Poll([&] {
+        Flush();
+        return notices == 2;
+    }));
+    EXPECT_TRUE(std::is_sorted(stamps.begin(), stamps.end()));
+}
+
+TEST(QueueLimit, TellsNobodyOfWhatWasLostBeforeHeCame) {
+    Manager().SetQueueLimit(4096, MetricsQueuePolicy::DropNewest);
+    const Session session;
+    while (Statistics().lostToLimit == 0)
+        EmitTooMany();
+    Flush();
+    HeldStream stream;
+    EXPECT_EQ(stream.Take(), Numbers{});
+}
+
+/// As much fits in as before, whatever came and went: nothing stays charged, or is given back
+/// twice.
+TEST(QueueLimit, HasAllItsRoomAgain) {
+    constexpr std::uint64_t limit = 16384;
+    HeldStream stream;
+    const Session session;
+    const auto release = [&stream] {
+        stream.Release();
+        Flush();
+    };
+    const auto room = [&] {
+        stream.Hold();
+        EmitTooMany();
+        const std::uint64_t queued = Statistics().queued;
+        release();
+        return queued;
+    };
+    EmitTooMany(); // what waits already is not charged
+    for (int i = 0; i < 100; ++i)
+        Send(std::string(300, 'x'));
+    Manager().SetQueueLimit(limit, MetricsQueuePolicy::DropNewest);
+    release();
+    const std::uint64_t before = room();
+    EXPECT_GT(before, 150u);
+
+    for (int i = 0; i < 100; ++i) // threads that use little of what they were granted
+        std::jthread([] { AttributeImpl(0, 0, 0); }).join();
+    EXPECT_TRUE(Poll([] {
+        Flush();
+        return Statistics().threads < 20;
+    }));
+    EXPECT_GT(room(), before * 9 / 10) << "behind threads";
+
+    for (int i = 0; i < 40; ++i) { // texts for which there is room, but not for their records
+        stream.Hold();
+        EmitTooMany();
+        release();
+        stream.Hold();
+        for (std::size_t length = 8000; length > 257; length -= 8)
+            Send(std::string(length, 'x'));
+        release();
+    }
+    EXPECT_GT(room(), before * 9 / 10) << "behind long texts";
+
+    Manager().SetQueueLimit(limit, MetricsQueuePolicy::DropOldest);
+    stream.Hold();
+    for (std::int64_t i = 0; i < tooMany; ++i) { // what emits in the middle of making room
+        MetricsValue value(i);
+        value.extra =
+            std::shared_ptr<const void>(&stream, [](const void*) { AttributeImpl(1, 0, 0); });
+        AttributeImpl(std::move(value), 0, 0);
+    }
+    release();
+    Flush(); // what the last ones have emitted
+    Manager().SetQueueLimit(limit, MetricsQueuePolicy::DropNewest);
+    EXPECT_GT(room(), before * 9 / 10) << "behind what emits";
 }
 
 /// A consumer that emits must not wait for the delivery, which may wait for the consumer.
@@ -555,6 +670,39 @@ TEST(ShutdownReport, SaysWhatBecameOfEverything) {
     EXPECT_TRUE(IsInert());
 }
 
+TEST(ShutdownReport, ComesToEverybodyAtTheEnd) {
+    HeldStream stream;
+    std::array<std::atomic<pid_t>, 2> ids{};
+    std::vector<std::jthread> callers;
+    for (auto& id : ids)
+        callers.emplace_back([&id] {
+            id = gettid();
+            EXPECT_TRUE(Manager().Shutdown(forever).ended);
+        });
+    for (const auto& id : ids)
+        EXPECT_TRUE(Poll([&id] { return id != 0 && IsAsleep(id); }));
+    stream.Release();
+}
+
+TEST(ShutdownReport, CountsWhatASynchronousConsumerHeldUntilTheEnd) {
+    korsys::TEvent entered(false), release(false);
+    Consume(true, [&](const MetricsEvent& event) {
+        if (event.eventType == MetricsEventType::Shutdown)
+            return;
+        entered.Signal();
+        release.Wait(forever);
+    });
+    std::jthread emitter([] { AttributeImpl(0, 0, 0); });
+    EXPECT_TRUE(entered.Wait(forever));
+    EXPECT_FALSE(Manager().Shutdown(0).ended) << "it waits for the call";
+    release.Signal();
+    emitter.join();
+    MetricsShutdownReport report;
+    EXPECT_TRUE(Poll([&] { return (report = Manager().Shutdown(0)).ended; }));
+    EXPECT_EQ(report.statistics.lostToShutdown, 1u);
+    EXPECT_EQ(report.statistics.accepted, 1u);
+}
+
 TEST(ShutdownReport, NamesWhoIsStuck) {
     const auto stream = std::make_unique<HeldStream>("stuck");
     EmitTooMany();
@@ -691,6 +839,20 @@ TEST(ErrorHandler, IsToldOncePerSecondAndOfTheRestAtTheEnd) {
     EXPECT_EQ(errors[0].count + errors[1].count + errors[2].count, emitted);
 }
 
+TEST(ErrorHandler, IsToldOfWhatIsLostBehindTheEnd) {
+    Told told;
+    HeldStream stream;
+    Consume(false, [](const MetricsEvent& event) {
+        if (event.param1.integer == 5)
+            EmitTooMany(); // behind the end
+    });
+    AttributeImpl(5, 0, 0);
+    Send(0, 0, 0, MetricsEventType::Shutdown);
+    stream.Release();
+    EXPECT_EQ(told.First(Reason::LostToShutdown).count, std::uint64_t(tooMany));
+    EXPECT_TRUE(Manager().Shutdown(forever).ended);
+}
+
 TEST(ErrorHandler, MayThrowReplaceItselfAndIsReleased) {
     std::weak_ptr<int> firstHeld, secondHeld;
     std::atomic<int> first{0}, second{0};
@@ -728,19 +890,17 @@ TEST(ErrorHandler, IsNotCalledAnyMoreOnceItWasTakenAway) {
     Consume(false, [](const MetricsEvent&) { throw 1; });
     for (int i = 0; i < Repetitions(200); ++i) {
         korsys::TEvent entered(false);
-        auto alive = std::make_unique<std::atomic<bool>>(true);
-        std::atomic<bool>* const used = alive.get();
-        Manager().SetErrorHandler([used, &entered](const MetricsError&) {
+        const auto isTakenAway = std::make_shared<std::atomic<bool>>(false);
+        Manager().SetErrorHandler([isTakenAway, &entered](const MetricsError&) {
             entered.Signal();
-            for (int n = 0; n < 1000; ++n)
-                EXPECT_TRUE(*used);
+            for (const auto start = Clock::now(); SecondsSince(start) < 0.001;)
+                EXPECT_FALSE(*isTakenAway);
         });
         AttributeImpl(0, 0, 0);
         Manager().WaitUntilWritesFlushed(0); // wakes the delivery
         EXPECT_TRUE(entered.Wait(forever));
         Manager().SetErrorHandler(nullptr);
-        *alive = false;
-        alive.reset();
+        *isTakenAway = true;
     }
 }
 

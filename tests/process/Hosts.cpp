@@ -168,8 +168,8 @@ void ExitDuringAShutdown() {
     VERIFY(delivered == 1000);
 }
 
-/// main has ended by pthread_exit, and no thread but ours is left: the process ends, and it is
-/// told.
+/// main has ended by pthread_exit, and no thread but ours is left, of which one was set aside in a
+/// consumer and has come back: the process ends, and it is told.
 void MainEndsAlone() {
     struct Seen {
         std::atomic<int> delivered{0}, shutdowns{0};
@@ -185,6 +185,10 @@ void MainEndsAlone() {
             Send("emitted for the end");
         });
         Consume(false, [](const MetricsEvent&) { ++seen.delivered; });
+        const auto slow = MakeListener([](const MetricsEvent&) {
+            VERIFY(Poll([] { return Manager().GetStatistics().consumers.back().setAside; }));
+        });
+        Manager().AddConsumer(slow, everyBit, false, {"slow", 0, 1});
         Send("event");
         pthread_exit(nullptr);
     }
