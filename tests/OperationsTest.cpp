@@ -66,7 +66,7 @@ public:
         m_entered.Reset();
         m_release.Reset();
         AttributeImpl(-1, 0, 0);
-        EXPECT_TRUE(m_entered.Wait(forever));
+        EXPECT_TRUE(m_entered.Wait(20'000));
     }
     void Release() { m_release.Signal(); }
     Numbers Take() {
@@ -297,7 +297,8 @@ TEST(QueueLimit, HasAllItsRoomAgain) {
     }));
     EXPECT_GT(room(), before * 9 / 10) << "behind threads";
 
-    for (int i = 0; i < 40; ++i) { // texts for which there is room, but not for their records
+    for (int i = 0; i < 40 && !HasFailure();
+         ++i) { // texts for which there is room, but not for their records
         stream.Hold();
         EmitTooMany();
         release();
