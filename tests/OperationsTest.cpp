@@ -390,6 +390,35 @@ TEST(QueueLimit, BoundsWhatTheProcessTakes) {
         }
 }
 
+TEST(QueueLimit, IsNotUsedUpByThreadsThatEmitLittle) {
+    constexpr std::uint64_t limit = 65536;
+    constexpr int threads = 30;
+    HeldStream stream;
+    const Session session;
+    std::latch areKnown(threads + 1), isBounded(1), haveEmitted(threads + 1), isOver(1);
+    std::vector<std::thread> quiet;
+    for (int i = 0; i < threads; ++i)
+        quiet.emplace_back([&] {
+            Manager().GetThreadContext();
+            areKnown.arrive_and_wait();
+            isBounded.wait();
+            AttributeImpl(0, 0, 0);
+            haveEmitted.arrive_and_wait();
+            isOver.wait();
+        });
+    areKnown.arrive_and_wait();
+    Manager().SetQueueLimit(limit, MetricsQueuePolicy::DropNewest);
+    isBounded.count_down();
+    haveEmitted.arrive_and_wait();
+    while (Statistics().lostToLimit == 0)
+        AttributeImpl(0, 0, 0);
+    EXPECT_GT(Statistics().queuedBytes, limit * 8 / 10);
+    isOver.count_down();
+    stream.Release();
+    for (std::thread& thread : quiet)
+        thread.join();
+}
+
 TEST(QueueLimit, IsTakenOffAgain) {
     Manager().SetQueueLimit(4096, MetricsQueuePolicy::DropNewest);
     HeldStream stream;

@@ -272,7 +272,7 @@ int RunConvert(const Options& options, ConvertOptions wanted) {
     for (const std::string& to : wanted.to) {
         const bool isFormat = to == "otlp" || to == "chrome" || to == "table";
         if (isFormat && !format.empty())
-            throw std::runtime_error("one format at a time: '" + format + "' or '" + to + "'");
+            throw std::runtime_error("one format at a time: " + format.append(" or ").append(to));
         if (isFormat)
             format = to;
         else
