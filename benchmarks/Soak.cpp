@@ -12,6 +12,8 @@ namespace {
 
 using bench::Clock;
 
+constexpr std::uint64_t bound = std::uint64_t{64} << 20; // of the queues, for emitters at full rate
+
 struct alignas(64) Emitter {
     std::atomic<std::uint64_t> emitted{0};
 
@@ -30,15 +32,14 @@ struct alignas(64) Emitter {
 /// One run: prints samples of the seconds since the start, the events emitted and delivered, and
 /// the resident memory in bytes. It goes on until all is delivered, and for a second after that, in
 /// which an idle library gives memory back.
-void Run(const char* name, std::chrono::seconds length, Clock::duration pause,
-         Clock::duration delay) {
+void Run(const char* name, std::chrono::seconds length, Clock::duration pause) {
     // Half of the machine's memory; a larger backlog ends the emitting early.
     const double enough = 0.5 * static_cast<double>(sysconf(_SC_PHYS_PAGES)) *
                           static_cast<double>(sysconf(_SC_PAGESIZE));
-    const bench::Registered<bench::CountingConsumer> consumer(delay);
     std::array<Emitter, 2> emitters;
     std::array<std::thread, 2> threads;
     std::atomic<bool> stop{false};
+    const std::uint64_t before = bench::Manager().GetStatistics().delivered;
     const auto start = Clock::now();
     for (std::size_t i = 0; i < threads.size(); ++i)
         threads[i] = std::thread([&, i] { emitters[i].Run(pause, stop); });
@@ -46,7 +47,7 @@ void Run(const char* name, std::chrono::seconds length, Clock::duration pause,
     auto end = start + length;
     for (auto next = start; next <= end; next += std::chrono::milliseconds(100)) {
         std::this_thread::sleep_until(next);
-        const std::uint64_t delivered = consumer->Count();
+        const std::uint64_t delivered = bench::Manager().GetStatistics().delivered - before;
         const std::uint64_t emitted = emitters[0].emitted + emitters[1].emitted;
         const double resident = bench::ResidentMemory();
         std::printf("%s[%.1f, %ld, %ld, %.0f]", next == start ? "\n" : ",\n",
@@ -61,6 +62,17 @@ void Run(const char* name, std::chrono::seconds length, Clock::duration pause,
     std::printf("]");
     for (std::thread& thread : threads)
         thread.join();
+}
+
+/// Two emitters as fast as they can, against a recorder.
+void RunRecorder(std::chrono::seconds length) {
+    Metrics::MetricsTraceClient client;
+    client.ProcessArgument("-set=act");
+    client.ProcessArgument("-trace=soak.trace");
+    client.ProcessArgument("-trace-keep=1G");
+    client.Open();
+    Run("recorded", length, {});
+    std::printf(",\n\"records_all\": %s", client.Close(60'000) ? "true" : "false");
 }
 
 /// Work of a thread's own, some nanoseconds for each step.
@@ -145,8 +157,9 @@ void RunCrowds(int flushes) {
 
 } // namespace
 
-/// bench-soak SECONDS: two emitters, as fast as they can, against a consumer that keeps up; then,
-/// at 200,000 events in a second, against one that manages half of that.
+/// bench-soak SECONDS: two emitters, as fast as they can, held to a bound: against a consumer that
+/// counts, and against a recorder; then, at 200,000 events in a second and without a bound, against
+/// a consumer that manages half of that.
 /// bench-soak crowd FLUSHES: more threads than cores. Both print JSON.
 int main(int argc, char** argv) {
     if (argc > 1 && std::strcmp(argv[1], "crowd") == 0) {
@@ -157,9 +170,19 @@ int main(int argc, char** argv) {
     bench::Manager().Enable();
     bench::Manager().SetBits(Metrics::MetricsBits::act);
     std::printf("{\n");
-    Run("keeps_up", length, {}, {});
+    bench::Manager().SetQueueLimit(bound, Metrics::MetricsQueuePolicy::Wait, 10'000);
+    {
+        const bench::Registered<bench::CountingConsumer> consumer;
+        Run("counted", length, {});
+    }
     std::printf(",\n");
-    Run("slow", length, std::chrono::milliseconds(1), std::chrono::microseconds(10));
+    RunRecorder(length);
+    bench::Manager().SetQueueLimit(0, Metrics::MetricsQueuePolicy::Wait);
+    std::printf(",\n");
+    {
+        const bench::Registered<bench::CountingConsumer> consumer(std::chrono::microseconds(10));
+        Run("slow", length, std::chrono::milliseconds(1));
+    }
     std::printf("\n}\n");
     return 0;
 }

@@ -228,7 +228,8 @@ def memory_list(m, instructions):
 
 def soak_tables(soak):
     parts = []
-    for name, title in (("keeps_up", "A consumer that keeps up"),
+    recorder = f"The trace client, {'everything' if soak['records_all'] else 'NOT everything'} written"
+    for name, title in (("counted", "A consumer that counts"), ("recorded", recorder),
                         ("slow", "A consumer that takes longer than the emitters")):
         samples = soak[name]
         emitting = [s for s in samples if s[1] < samples[-1][1]] or samples

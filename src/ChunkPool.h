@@ -55,8 +55,7 @@ struct alignas(64) Chunk {
 /// Invariants:
 /// 1. A slab stays mapped until Unmap. So the link of any chunk may be read at any time; what is
 ///    read of one that is not free any more is not used, since the tag of m_top has changed.
-/// 2. m_top changes its tag with every change, so that a thread that has been held up inside of
-/// Take
+/// 2. m_top changes its tag with every change, so that a thread that was held up inside of Take
 ///    notices that others came by. That the tag comes round to the very same value and chunk
 ///    meanwhile, after a multiple of 2^28 changes, is the one chance that is taken.
 /// 3. Nobody waits: every loop goes on only when another thread has got further.

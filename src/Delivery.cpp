@@ -569,8 +569,8 @@ bool Delivery::DropOldest(std::size_t bytes) noexcept {
     }
     Remains remains; // destroyed behind the lock
     bool isTaken = false;
-    const auto more =
-        static_cast<std::size_t>(s_queueLimit.Bytes() / 64); // so that not every event comes here
+    // So that not every event comes here.
+    const auto more = static_cast<std::size_t>(s_queueLimit.Bytes() / 64);
     try {
         Merge merge;
         merge.Begin(std::numeric_limits<std::uint64_t>::max());

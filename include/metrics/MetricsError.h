@@ -29,8 +29,8 @@ struct MetricsError {
     std::exception_ptr exception;          ///< What it threw.
     std::string path;                      ///< The file's, as it was given to the client.
     int error = 0;                         ///< As in errno(3).
-    std::uint64_t count =
-        0; ///< Lost events, or thrown exceptions, since the last call for this reason.
+    /// Lost events, or thrown exceptions, since the last call for this reason.
+    std::uint64_t count = 0;
     std::uint64_t nanoseconds = 0; ///< Of the steady clock.
 };
 

@@ -179,7 +179,7 @@ public:
 
     /// Bounds the memory that queued events take, in all queues together: records, and texts that
     /// are handed over uncopied. What the `extra` of a value holds is not known, and not counted;
-    /// nor is what waits at the call. 0 bytes, as at first: no bound.
+    /// nor is what waits already when the bound is set. 0 bytes, as at first: no bound.
     ///
     /// What is dropped is counted, and told to the asynchronous consumers: as soon as there is
     /// room, by one Custom event without context, source or category, whose values are "lost" and

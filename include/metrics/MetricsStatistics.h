@@ -18,8 +18,8 @@ struct MetricsConsumerStatistics {
     std::uint64_t calls = 0;            ///< Calls of OnMetricsEvent that have ended.
     std::uint64_t exceptions = 0;       ///< Those of them that threw.
     std::uint64_t totalNanoseconds = 0; ///< How long the calls took together.
-    std::uint64_t longestNanoseconds =
-        0;                 ///< The longest one. Exact to the length of 16 usual calls.
+    /// The longest one. Exact to the length of 16 usual calls.
+    std::uint64_t longestNanoseconds = 0;
     bool setAside = false; ///< Not called any more, see MetricsConsumerOptions.
 };
 
@@ -35,18 +35,19 @@ struct MetricsConsumerStatistics {
 /// Thread-safety: one thread at a time for each object.
 struct MetricsStatistics {
     std::uint64_t accepted = 0; ///< Emitted while enabled, and let through by the mask.
-    std::uint64_t delivered =
-        0;                    ///< Left the queue through the delivery, to however many consumers.
-    std::uint64_t queued = 0; ///< Wait for the delivery.
+    /// Left the queue through the delivery, to however many consumers.
+    std::uint64_t delivered = 0;
+    std::uint64_t queued = 0;          ///< Wait for the delivery.
     std::uint64_t lostToLimit = 0;     ///< Dropped at the bound of SetQueueLimit.
     std::uint64_t lostToMemory = 0;    ///< There was no memory; the emitter was told by bad_alloc.
     std::uint64_t lostToException = 0; ///< A synchronous consumer threw; the emitter was told.
-    std::uint64_t lostToShutdown =
-        0;                         ///< Accepted when the delivery was ending, and behind its end.
+    /// Accepted when the delivery was ending, and behind its end.
+    std::uint64_t lostToShutdown = 0;
     std::uint64_t queuedBytes = 0; ///< What the queued events take, long texts included.
-    std::uint64_t peakQueuedBytes = 0; ///< The most that was seen of it; looked at with each batch.
-    std::uint64_t threads =
-        0; ///< Threads that have used the library, and are not known to have ended.
+    /// The most that was seen of it; looked at with each batch.
+    std::uint64_t peakQueuedBytes = 0;
+    /// Threads that have used the library, and are not known to have ended.
+    std::uint64_t threads = 0;
     /// How long the oldest event waits that is not delivered, in nanoseconds of the steady clock;
     /// between two batches, up to 100 ms more. 0 when none waits.
     std::uint64_t oldestNanoseconds = 0;
