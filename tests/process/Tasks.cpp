@@ -80,8 +80,15 @@ void Handle(Context& request) {
 
 /// More threads than this machine has processors, so that every one is interrupted anywhere.
 struct Threads {
+    tbb::task_scheduler_handle scheduler{tbb::attach{}};
     tbb::global_control limit{tbb::global_control::max_allowed_parallelism, 4};
     tbb::task_arena arena{4};
+
+    // Joins them; otherwise one may be seen to end behind main.
+    ~Threads() {
+        arena.terminate();
+        tbb::finalize(scheduler, std::nothrow);
+    }
 };
 
 /// Task groups whose tasks open handles, parallel loops within them.
