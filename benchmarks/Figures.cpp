@@ -111,21 +111,22 @@ void Sustained(State& state) {
     });
 }
 
-/// The delivery of events that are all queued before: rendering and writing, without the emits. The
-/// gate, which holds them back until then, adds an empty virtual call to each line.
+/// The delivery of events that are all queued before: rendering and writing, without the emits.
 void CsvClient(State& state) {
-    const Registered<Gate> gate;
+    std::optional<Registered<Gate>> gate; // holds them back until then
     Metrics::MetricsRawClient client;
     client.SetBits("act", true);
     client.SetOutputFileName(csvFile);
     const auto deliver = [&] {
-        gate->Open();
+        (*gate)->Open();
+        gate.reset();
         Flush();
     };
     const auto queueLines = [&] {
+        gate.emplace();
         client.Open(); // a new file
         Context context(0, Context::Create(true));
-        gate->Shut(context);
+        (*gate)->Shut(context);
         for (std::size_t i = 0; i < csvLines.calls; ++i)
             context.Emit(i, 0.5);
     };
@@ -162,7 +163,7 @@ void CsvWrite(State& state) {
                 state.SkipWithError("write failed");
     };
     const auto openFile = [&] {
-        file = open(csvFile, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+        file = open(csvFile, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0666);
     };
     RunBursts(
         state, csvLines, writeLines, [&] { close(file); }, openFile);

@@ -442,7 +442,7 @@ void Consumers::Calls::LetRemovalsGoOn() noexcept {
 void Consumers::Calls::Account() noexcept {
     const std::uint64_t now = StampClock::Ticks();
     const std::uint64_t elapsed = now - std::exchange(m_start, now);
-    const std::uint64_t mean = elapsed / m_run;
+    const std::uint64_t mean = m_run == 1 ? elapsed : elapsed / m_run; // a division takes long
     m_usual = std::min(mean, m_usual + m_usual / 8 + 1);
     // All but one of them may have been usual ones.
     const std::uint64_t longest = elapsed - (m_run - 1) * std::min(m_usual, mean);

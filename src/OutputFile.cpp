@@ -7,6 +7,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -69,7 +70,8 @@ void OutputFile::FailInWrite(int error) noexcept {
 
 void OutputFile::Write(std::string_view bytes) noexcept {
     while (!bytes.empty() && !HasFailed() && !m_stopped.load(std::memory_order_relaxed)) {
-        const ssize_t written = write(m_file, bytes.data(), bytes.size());
+        // Not write(2) itself, which is a cancellation point: twice a locked instruction.
+        const ssize_t written = syscall(SYS_write, m_file, bytes.data(), bytes.size());
         if (written > 0)
             bytes.remove_prefix(static_cast<std::size_t>(written));
         else if (written == 0 || errno != EINTR)

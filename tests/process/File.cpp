@@ -4,6 +4,7 @@
 #include "../support/Exercise.h"
 #include "../support/Process.h"
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/resource.h>
@@ -13,6 +14,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdarg>
 #include <cstdint>
 
 using namespace Metrics;
@@ -23,30 +25,44 @@ namespace {
 const std::string header = "timestamp,datetime,context_id,event_type,param1,param2\n";
 const TemporaryFile s_file;
 const TemporaryFile s_pipe{s_file.path + ".pipe"};
-std::function<void()> s_beforeWrite; // called once, by the next write(2) of this process
+std::function<void()> s_beforeWrite;             // called once, by the next line that is written
 std::atomic<std::size_t> s_mostAtOnce{SIZE_MAX}; // bytes that one takes
 std::atomic<int> s_interrupted{0};               // so many are, before they have written anything
 std::atomic<int> s_closeError{0};                // found by close(2)
 
 } // namespace
 
-// Stands before libc's, so that something can happen between an open and the write behind it.
-extern "C" ssize_t write(int file, const void* bytes, size_t size) {
-    if (const auto before = std::exchange(s_beforeWrite, nullptr))
-        before();
-    if (s_interrupted > 0) {
-        --s_interrupted;
-        errno = EINTR;
-        return -1;
+// These stand before libc's.
+extern "C" {
+long syscall(long number, ...) noexcept {
+    static const auto real = reinterpret_cast<long (*)(long, ...)>(dlsym(RTLD_NEXT, "syscall"));
+    va_list list;
+    va_start(list, number);
+    std::array<long, 3> arguments{}; // as many as those that are used here have at most
+    for (long& argument : arguments)
+        argument = va_arg(list, long);
+    va_end(list);
+    if (number == SYS_write) {
+        // Something may happen between an open and the write behind it.
+        if (const auto before = std::exchange(s_beforeWrite, nullptr))
+            before();
+        if (s_interrupted > 0) {
+            --s_interrupted;
+            errno = EINTR;
+            return -1;
+        }
+        arguments[2] = static_cast<long>(
+            std::min(static_cast<std::size_t>(arguments[2]), s_mostAtOnce.load()));
     }
-    return syscall(SYS_write, file, bytes, std::min(size, s_mostAtOnce.load()));
+    return real(number, arguments[0], arguments[1], arguments[2]);
 }
-extern "C" int close(int file) {
+int close(int file) {
     const auto result = static_cast<int>(syscall(SYS_close, file));
     if (s_closeError == 0)
         return result;
     errno = s_closeError;
     return -1;
+}
 }
 
 namespace {

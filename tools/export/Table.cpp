@@ -117,7 +117,7 @@ private:
                               : span.kind == SpanKind::Context
                                   ? SelfTime(run, run.contexts[span.piece])
                                   : Between(span.start, span.end));
-        m_json = "{";
+        m_json.assign(1, '{');
         for (const SpanAttribute& attribute : span.attributes) {
             m_json += m_json.size() > 1 ? "," : "";
             AppendJsonString(m_json, attribute.name);
