@@ -155,7 +155,7 @@ def figures_table(f, shares, memory, crowd):
         row("delivery thread, nobody registered, for each event", f"{number(nobody['delivery_ns'])} ns",
             f"with a consumer: {number(somebody['delivery_ns'])} ns", f"{worked:.2f}", "0.25",
             worked <= 0.25)
-        limit("resident memory, nobody registered, grows in a second by", nobody["growth"] / 1e6, "MB", 4)
+        limit("resident memory, nobody registered, grows in five seconds by", nobody["growth"] / 1e6, "MB", 4)
         limit("resident for each queued event, two numbers", memory["bytes"], "bytes", 72)
         limit("resident for each queued event, a short name and a number", memory["name_bytes"],
               "bytes", 96)

@@ -22,8 +22,8 @@ namespace Metrics::detail {
 
 namespace {
 
-constexpr unsigned int idlePause = 100;  // ms between looks at empty queues
 constexpr unsigned int batchPause = 5;   // ms in which a batch gathers
+constexpr unsigned int idlePause = 100;  // to which it doubles while the queues stay empty
 constexpr std::size_t largeBatch = 4096; // behind so many events no other one need gather
 constexpr int idlePausesPerCheck = 10;   // between looks whether the process has ended but for us
 
@@ -221,6 +221,7 @@ void Delivery::Init() {
 }
 
 void Delivery::Run(Turn& turn) {
+    unsigned int pause = idlePause;
     int idlePauses = 0;
     while (!InForkedChild()) {
         m_wake.Reset();
@@ -254,16 +255,17 @@ void Delivery::Run(Turn& turn) {
         s_faults.Tell();
         if (InForkedChild())
             return;
+        // With thousands of threads the look at their queues is what costs.
+        const auto gather = batchPause + static_cast<unsigned int>(s_threads.Size() / 200);
         const bool isIdle = isComplete && m_delivered == 0;
-        if (isIdle && ++idlePauses % idlePausesPerCheck == 0 &&
+        pause = std::min(isIdle ? 2 * pause : gather, idlePause);
+        if (pause == idlePause && isIdle && ++idlePauses % idlePausesPerCheck == 0 &&
             IsLastThread(1 + m_threads.load(std::memory_order_relaxed))) {
             ShowShutdown();
             s_life.SwitchOff(); // the process ends when this thread does, see pthread_exit(3)
             EndHere();
         } else if (m_delivered < largeBatch) {
-            // With thousands of threads the look at their queues is what costs.
-            const auto gather = batchPause + static_cast<unsigned int>(s_threads.Size() / 200);
-            m_wake.Wait(isIdle ? idlePause : std::min(gather, idlePause));
+            m_wake.Wait(pause);
         }
     }
     if (InForkedChild())

@@ -130,6 +130,14 @@ std::byte* EventQueue::EnterNextChunk() noexcept {
     return next->Begin();
 }
 
+void EventQueue::FetchFollowing(const Chunk& chunk) noexcept {
+    // Relaxed: null if it is not there yet, and only looked at when it is known to be.
+    Chunk* const next = chunk.next.load(std::memory_order_relaxed);
+    for (std::size_t offset = 0; next != nullptr && offset != fetchedAhead;
+         offset += sizeof(Record))
+        __builtin_prefetch(next->Begin() + offset);
+}
+
 void EventQueue::GiveBack() noexcept {
     const std::byte* const at = Read();
     if (at == nullptr)

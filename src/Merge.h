@@ -51,8 +51,6 @@ public:
     void Pop() noexcept {
         Source& source = m_sources.back();
         source.queue->Pop();
-        // Another core has written them: they are fetched while the ones before are delivered.
-        __builtin_prefetch(reinterpret_cast<const std::byte*>(m_record) + 5 * sizeof(Record));
         m_record = source.queue->Front(source.end);
         if (m_record != nullptr && m_record->Order() <= m_until) [[likely]]
             return; // this queue's turn lasts until another one's next record is older
