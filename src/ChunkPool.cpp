@@ -94,22 +94,28 @@ Chunk* ChunkPool::Pop() noexcept {
         Chunk* const next = chunk->next.load(std::memory_order_relaxed);
         if (m_top.compare_exchange_weak(word, Changed(word, next), std::memory_order_acq_rel,
                                         std::memory_order_acquire)) {
+            __builtin_prefetch(next); // another core has written it
             Allow(*chunk);
             return chunk;
         }
     }
 }
 
-void ChunkPool::Put(Chunk& chunk) noexcept {
-    Forbid(chunk);
+void ChunkPool::Put(Chunk& first, std::uint32_t count) noexcept {
+    Chunk* last = &first;
+    for (std::uint32_t i = count; Forbid(*last), --i != 0;)
+        last = last->next.load(std::memory_order_relaxed);
     std::uint64_t word = m_top.load(std::memory_order_acquire);
     do {
         Chunk* const top = TopOf(word);
-        chunk.next.store(top, std::memory_order_relaxed);
-        chunk.below.store(top == nullptr ? 0 : top->below.load(std::memory_order_relaxed) + 1,
-                          std::memory_order_relaxed);
-        // Release: all that was done with the chunk. Acquire: the chunk that was on top.
-    } while (!m_top.compare_exchange_weak(word, Changed(word, &chunk), std::memory_order_acq_rel,
+        last->next.store(top, std::memory_order_relaxed);
+        std::uint32_t below =
+            count + (top == nullptr ? 0 : top->below.load(std::memory_order_relaxed) + 1);
+        for (Chunk* chunk = &first; chunk != top;
+             chunk = chunk->next.load(std::memory_order_relaxed))
+            chunk->below.store(--below, std::memory_order_relaxed);
+        // Release: all that was done with the chunks. Acquire: the chunk that was on top.
+    } while (!m_top.compare_exchange_weak(word, Changed(word, &first), std::memory_order_acq_rel,
                                           std::memory_order_acquire));
 }
 

@@ -71,7 +71,9 @@ public:
     Chunk& Take();
 
     /// Gives a chunk back.
-    void Put(Chunk& chunk) noexcept;
+    void Put(Chunk& chunk) noexcept { Put(chunk, 1); }
+    /// Gives `count` chunks back that are linked by `next`.
+    void Put(Chunk& first, std::uint32_t count) noexcept;
 
     /// Chunks that are in somebody's hands.
     std::size_t InUse() const noexcept;

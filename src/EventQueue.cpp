@@ -125,9 +125,17 @@ std::byte* EventQueue::EnterNextChunk() noexcept {
     if (left != nullptr) { // behind that: what others are granted of it is not counted as queued
         s_queueLimit.Give(left->charged.load(std::memory_order_relaxed) - m_givenBack);
         m_givenBack = 0;
-        s_chunks.Put(*left);
+        left->next.store(m_emptied, std::memory_order_relaxed);
+        m_emptied = left;
+        if (++m_emptiedCount == mostEmptied)
+            PutEmptied();
     }
     return next->Begin();
+}
+
+void EventQueue::PutEmptied() noexcept {
+    if (m_emptiedCount != 0)
+        s_chunks.Put(*std::exchange(m_emptied, nullptr), std::exchange(m_emptiedCount, 0));
 }
 
 void EventQueue::FetchFollowing(const Chunk& chunk) noexcept {
@@ -139,6 +147,7 @@ void EventQueue::FetchFollowing(const Chunk& chunk) noexcept {
 }
 
 void EventQueue::GiveBack() noexcept {
+    PutEmptied();
     const std::byte* const at = Read();
     if (at == nullptr)
         return;
@@ -244,6 +253,7 @@ void EventQueue::Discard(const std::byte* end) noexcept {
         Destroy(front);
         Pop();
     }
+    PutEmptied();
 }
 
 void EventQueue::Release() noexcept {

@@ -96,6 +96,17 @@ decltype(auto) AsArgument(const T& value) {
         return MetricsValue(value);
 }
 
+/// What a gate hands on: a literal with its length, which the compiler knows, and all else as it
+/// is.
+template <class T>
+const T& WithLength(const T& value) noexcept {
+    return value;
+}
+template <std::size_t size>
+std::string_view WithLength(const char (&text)[size]) noexcept {
+    return text;
+}
+
 /// What the caller gives away.
 template <class T>
 inline constexpr bool isGivenAway =

@@ -158,7 +158,7 @@ public:
     template <class First, class Second>
     void Emit(const First& first, const Second& second) {
         if (detail::PassesLiveMask(0))
-            EmitGated(first, second);
+            EmitGated(detail::WithLength(first), detail::WithLength(second));
         else if (!m_isUsed)
             OpenScope();
     }

@@ -50,7 +50,7 @@ public:
               class = std::enable_if_t<std::is_constructible_v<MetricsValue, const Label&>>>
     explicit Scope(const Label& label, std::uint64_t bits = 0) : m_bits(bits) {
         if (detail::PassesLiveMask(bits))
-            OpenGated(label);
+            OpenGated(detail::WithLength(label));
     }
     /// The same, of a label that may be taken over.
     template <class Label, class = std::enable_if_t<detail::isGivenAway<Label>>, class = void>
@@ -77,7 +77,7 @@ public:
     template <class First, class Second = int>
     void Emit(const First& first, const Second& second = 0) const {
         if (IsOpen() && detail::PassesLiveMask(m_bits))
-            EmitGated(first, second);
+            EmitGated(detail::WithLength(first), detail::WithLength(second));
     }
     /// The same, of values that may be taken over.
     template <class First, class Second = int,
@@ -181,7 +181,7 @@ template <class Name, class Value>
 template <class Name, class Value>
 void Attribute(const Name& name, const Value& value, std::uint64_t bits = 0) {
     if (detail::PassesLiveMask(bits))
-        detail::AttributeGated(name, value, bits);
+        detail::AttributeGated(detail::WithLength(name), detail::WithLength(value), bits);
 }
 /// The same, of values that may be taken over.
 template <class Name, class Value,
