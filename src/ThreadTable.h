@@ -90,7 +90,6 @@ struct alignas(64) ThreadRecord {
     ThreadRecord(const ThreadRecord&) = delete;
     ThreadRecord& operator=(const ThreadRecord&) = delete;
 };
-static_assert(sizeof(EventQueue) == 128 && sizeof(ThreadRecord) == 256);
 
 static_assert(sizeof(ThreadRecord) == 256, "no thread writes into another's cache lines");
 static_assert(sizeof(ThreadRecord) + Chunk::size <= 4096, "what an idle thread keeps");
