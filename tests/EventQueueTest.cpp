@@ -17,6 +17,7 @@
 #include <random>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -391,6 +392,28 @@ TEST(EventQueue, AgreesWithItsModelInManyInterleavings) {
         Simulation(seed).Run();
     }
     EXPECT_GT(Simulation::Stops(), 0) << "no emitter was ever stopped inside of an append";
+}
+
+/// On two threads: the ledger never shows less appended than taken.
+TEST(EventQueue, CountsARecordBeforeItCanBeTaken) {
+    constexpr std::uint64_t records = 20'000 * std::uint64_t{METRICS_TEST_SCALE};
+    EventQueue queue;
+    std::jthread owner([&queue] {
+        for (std::uint64_t i = 0; i < records; ++i)
+            EXPECT_TRUE(queue.Append({i, i, 0}, {MetricsEventType::Custom, 0, 0, 0},
+                                     Argument(std::int64_t{0}), Argument()));
+    });
+    std::uint64_t taken = 0;
+    std::uint64_t early = 0;
+    while (taken != records) {
+        for (const std::byte* const end = queue.Published(); queue.Front(end) != nullptr; ++taken)
+            queue.Pop();
+        early += queue.Appended() < taken ? 1 : 0;
+    }
+    EXPECT_EQ(early, 0u);
+    EXPECT_EQ(queue.Taken(), records);
+    queue.GiveBack();
+    queue.Release();
 }
 
 } // namespace Metrics::detail

@@ -297,14 +297,16 @@ TEST(QueueLimit, HasAllItsRoomAgain) {
     }));
     EXPECT_GT(room(), before * 9 / 10) << "behind threads";
 
-    for (int i = 0; i < 40 && !HasFailure();
-         ++i) { // texts for which there is room, but not for their records
+    // Texts for which there is room, but not for their records: those need another chunk.
+    for (std::int64_t fill = 0; fill < 64 && !HasFailure(); ++fill) {
         stream.Hold();
-        EmitTooMany();
-        release();
-        stream.Hold();
-        for (std::size_t length = 8000; length > 257; length -= 8)
-            Send(std::string(length, 'x'));
+        for (std::int64_t i = 0; i < fill / 2; ++i)
+            AttributeImpl(i, 0, 0);
+        for (std::size_t length = limit; length > 257; length -= 8)
+            if (fill % 2 == 0)
+                Send(std::string(length, 'x'));
+            else
+                AttributeImpl(std::string(length, 'x'), 0, 0);
         release();
     }
     EXPECT_GT(room(), before * 9 / 10) << "behind long texts";
@@ -490,6 +492,24 @@ TEST(Statistics, CountWhatEachConsumerWasCalledFor) {
     }
     // None is charged for another one's time: together they have waited three times.
     EXPECT_GE(all[0].totalNanoseconds + all[1].totalNanoseconds, 40'000'000u);
+}
+
+TEST(Statistics, CountTheBytesOfALongTextWhereverItStands) {
+    HeldStream stream;
+    const Session session;
+    constexpr std::uint64_t length = 10000;
+    const auto text = [] { return MetricsValue(std::string(length, 'x')); };
+    const std::function<void()> ways[] = {[&] { AttributeImpl(text(), 1, 0); },
+                                          [&] { AttributeImpl(1, text(), 0); },
+                                          [&] { Send(text(), 1); }, [&] { Send(1, text()); }};
+    for (std::size_t i = 0; i < std::size(ways); ++i) {
+        const std::uint64_t before = Statistics().queuedBytes;
+        ways[i]();
+        EXPECT_GE(Statistics().queuedBytes - before, length) << i;
+        EXPECT_LT(Statistics().queuedBytes - before, 2 * length) << i;
+    }
+    stream.Take();
+    EXPECT_EQ(Statistics().queuedBytes, 0u);
 }
 
 TEST(Statistics, CountForAsManySynchronousConsumersAsThereAre) {
