@@ -129,6 +129,43 @@ void OpensAPipeWithoutAReader() {
     VERIFY(!IsBlocked(SIGXFSZ));
 }
 
+/// An open that waits for the pipe's reader, while the host's timers go off.
+void OpensAPipeAmongSignals() {
+    static std::atomic<int> signals{0};
+    struct sigaction action {}; // without SA_RESTART
+    action.sa_handler = [](int) { ++signals; };
+    VERIFY(sigaction(SIGUSR1, &action, nullptr) == 0);
+    Pipe pipe;
+    close(std::exchange(pipe.reader, -1));
+    std::jthread other([&pipe, opener = pthread_self(), id = gettid()] {
+        for (int i = 1; i <= 3; ++i) {
+            VERIFY(Poll([&] { return IsAsleep(id); }) && pthread_kill(opener, SIGUSR1) == 0);
+            VERIFY(Poll([&] { return signals == i; }));
+        }
+        VERIFY(Poll([&] { return IsAsleep(id); }) && pipe.Reopen() >= 0);
+    });
+    MetricsRawClient client;
+    VERIFY(Open(client, s_pipe.path));
+    other.join();
+    client.Close();
+    VERIFY(pipe.ReadAll() == header);
+}
+
+/// However busy the delivery is.
+void BeginsWithTheHeader() {
+    const Session session;
+    Consume(false, [](const MetricsEvent&) {});
+    const std::jthread emitter([](const std::stop_token& isOver) {
+        for (int i = 0; !isOver.stop_requested(); ++i)
+            i % 1000 == 0 ? Flush() : AttributeImpl(i, 0, MetricsBits::act);
+    });
+    MetricsRawClient client;
+    for (int i = 0; i < Repetitions(200); ++i) {
+        VERIFY(Open(client, s_file.path) && client.Close(forever));
+        VERIFY(ReadFile(s_file.path).starts_with(header));
+    }
+}
+
 void OpensWithoutRoom() {
     LimitFiles(0);
     MetricsRawClient client;
@@ -445,6 +482,8 @@ void ClosesWithoutAllThatWasEmitted() {
 int main(int argc, char** argv) {
     return RunCases(argc, argv,
                     {{"OpensAPipeWithoutAReader", OpensAPipeWithoutAReader, 20},
+                     {"OpensAPipeAmongSignals", OpensAPipeAmongSignals, 20},
+                     {"BeginsWithTheHeader", BeginsWithTheHeader, 60},
                      {"OpensWithoutRoom", OpensWithoutRoom, 20},
                      {"LeavesThePendingSignal", LeavesThePendingSignal, 20},
                      {"SharesAPath", SharesAPath, 20},

@@ -600,7 +600,8 @@ void ForksWhileItIsOpen() {
 /// What a folder may be, and what is told when it may not.
 void OpensFolders() {
     MetricsTraceClient client;
-    VERIFY(client.ProcessArgument("-trace=") && !client.Open());
+    std::error_code before = std::make_error_code(std::errc::io_error);
+    VERIFY(client.ProcessArgument("-trace=") && !client.Open(before) && !before);
     for (const char* bad : {"-trace", "-trace-keep=", "-trace-keep=x", "-trace-keep=1T",
                             "-trace-keep=-1", "-trace-keep=17179869184G", "-raw=x"})
         VERIFY(!client.ProcessArgument(bad));
