@@ -932,6 +932,29 @@ TEST(ErrorHandler, MayThrowReplaceItselfAndIsReleased) {
     EXPECT_EQ(first, 1);
     EXPECT_EQ(second, 2);
     EXPECT_TRUE(secondHeld.expired()) << "it goes with the delivery";
+    auto late = std::make_shared<int>();
+    Manager().SetErrorHandler([late](const MetricsError&) {});
+    EXPECT_EQ(late.use_count(), 1) << "nobody would ever let go of it";
+}
+
+/// The delivery thread, which calls it, does not wait for itself.
+TEST(ErrorHandler, MaySetABound) {
+    double shortest = 1e9;
+    korsys::TEvent isTold{false};
+    const Session session;
+    Manager().SetErrorHandler([&](const MetricsError&) {
+        for (int i = 0; i < 5; ++i) {
+            const auto start = Clock::now();
+            Manager().SetQueueLimit(1 << 20, MetricsQueuePolicy::DropOldest);
+            shortest = std::min(shortest, SecondsSince(start));
+        }
+        isTold.Signal();
+    });
+    Consume(false, [](const MetricsEvent&) { throw std::runtime_error("told"); });
+    AttributeImpl(0, 0, 0);
+    EXPECT_TRUE(isTold.Wait(forever));
+    EXPECT_LT(shortest, 0.05);
+    Manager().SetErrorHandler(nullptr);
 }
 
 /// Whoever takes a handler away may free what it uses.
