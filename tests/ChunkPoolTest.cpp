@@ -108,6 +108,27 @@ TEST_F(ChunkPoolTest, SeesThatOthersCameByThoughTheSameChunkIsOnTop) {
     EXPECT_EQ(s_pool.InUse(), kept.load() == nullptr ? 0u : 1u);
 }
 
+TEST_F(ChunkPoolTest, CountsWhatIsFreeAndWhatIsInUse) {
+    s_pool.KeepWarm(64);
+    EXPECT_EQ(s_pool.Free(), 64u);
+    EXPECT_EQ(s_pool.InUse(), 0u);
+    std::vector<Chunk*> taken;
+    for (int i = 0; i < 10; ++i)
+        taken.push_back(&s_pool.Take());
+    EXPECT_EQ(s_pool.Free(), 54u);
+    s_pool.KeepWarm(64);
+    EXPECT_EQ(s_pool.Free(), 64u);
+    EXPECT_EQ(s_pool.InUse(), 10u);
+    for (std::size_t i = 0; i + 1 < taken.size(); ++i)
+        taken[i]->next = taken[i + 1];
+    s_pool.Put(*taken.front(), 10);
+    EXPECT_EQ(s_pool.Free(), 74u);
+    EXPECT_EQ(s_pool.InUse(), 0u);
+    for (Chunk* const chunk : taken)
+        EXPECT_EQ(&s_pool.Take(), chunk);
+    EXPECT_EQ(s_pool.Free(), 64u) << "below what was put at once";
+}
+
 /// Threads take and put in any order, while memory goes back and is made warm: what one has written
 /// into its chunks stays there.
 TEST_F(ChunkPoolTest, HasOneOwnerForEachChunk) {
@@ -132,8 +153,13 @@ TEST_F(ChunkPoolTest, HasOneOwnerForEachChunk) {
                         own.pop_back();
                     }
                 }
-                for (Chunk* const chunk : own)
-                    s_pool.Put(*chunk);
+                while (!own.empty()) { // all that are left, a few at once
+                    Chunk& first = *own.back();
+                    std::uint32_t count = 1;
+                    for (Chunk* last = &first; own.pop_back(), count != 5 && !own.empty(); ++count)
+                        last = last->next = own.back();
+                    s_pool.Put(first, count);
+                }
             });
     }
     EXPECT_EQ(overwritten, 0);

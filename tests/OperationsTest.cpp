@@ -421,6 +421,26 @@ TEST(QueueLimit, IsNotUsedUpByThreadsThatEmitLittle) {
         thread.join();
 }
 
+TEST(QueueLimit, IsNotUsedUpByWhatNobodyHears) {
+    Manager().SetQueueLimit(16384, MetricsQueuePolicy::DropNewest);
+    const Session session;
+    std::latch isOver(1);
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < 30; ++i) {
+        korsys::TEvent hasEmitted{false};
+        threads.emplace_back([&] {
+            for (int n = 0; n < 20; ++n)
+                AttributeImpl(n, 0, 0);
+            hasEmitted.Signal();
+            isOver.wait(); // and keeps its queue
+        });
+        EXPECT_TRUE(hasEmitted.Wait(forever));
+        Flush();
+    }
+    EXPECT_EQ(Statistics().lostToLimit, 0u);
+    isOver.count_down();
+}
+
 TEST(QueueLimit, IsTakenOffAgain) {
     Manager().SetQueueLimit(4096, MetricsQueuePolicy::DropNewest);
     HeldStream stream;
