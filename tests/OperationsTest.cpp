@@ -254,6 +254,30 @@ TEST(QueueLimit, TellsOfNothingAsOlderThanWhatWasDelivered) {
     EXPECT_TRUE(std::is_sorted(stamps.begin(), stamps.end()));
 }
 
+/// Before what another thread has emitted since, though more was lost behind that.
+TEST(QueueLimit, TellsOfALossWhereItBegan) {
+    Manager().SetQueueLimit(16384, MetricsQueuePolicy::DropNewest);
+    HeldStream stream;
+    const Session session;
+    korsys::TEvent hasRoom{false}, goesOn{false}, hasEmitted{false};
+    const std::jthread other([&] {
+        AttributeImpl(6, 0, 0);
+        hasRoom.Signal();
+        goesOn.Wait(forever);
+        AttributeImpl(7, 0, 0);
+        hasEmitted.Signal();
+    });
+    EXPECT_TRUE(hasRoom.Wait(forever));
+    EmitTooMany();
+    goesOn.Signal();
+    EXPECT_TRUE(hasEmitted.Wait(forever));
+    EmitTooMany();
+    const Numbers numbers = stream.Take();
+    ASSERT_GT(numbers.size(), 2u);
+    EXPECT_EQ(numbers.back(), 7);
+    EXPECT_LT(*(numbers.end() - 2), -1000);
+}
+
 TEST(QueueLimit, TellsNobodyOfWhatWasLostBeforeHeCame) {
     Manager().SetQueueLimit(4096, MetricsQueuePolicy::DropNewest);
     const Session session;
