@@ -352,4 +352,28 @@ TEST(Consumer, CanBeRemovedOnceItHasComeBackFromTheCallInWhichItWasSetAside) {
     EXPECT_TRUE(Manager().RemoveConsumer(next));
 }
 
+/// Though the delivery has ended when it comes back: it goes then, and may call the manager.
+TEST(Consumer, GoesWhenItComesBackFromTheCallInWhichItWasSetAside) {
+    std::atomic<bool> isFree{false}, isGone{false};
+    Start();
+    MetricsConsumerOptions options;
+    options.maxCallMilliseconds = 20;
+    {
+        const std::shared_ptr<void> held(nullptr, [&isGone](void*) {
+            Manager().GetStatistics();
+            isGone = true;
+        });
+        Manager().AddConsumer(
+            MakeListener([held, &isFree](const MetricsEvent&) { isFree.wait(false); }), everyBit,
+            false, options);
+    }
+    Send(0);
+    Flush();
+    EXPECT_TRUE(Manager().Disable());
+    EXPECT_FALSE(isGone);
+    isFree = true;
+    isFree.notify_all();
+    EXPECT_TRUE(Poll([&] { return isGone.load(); }));
+}
+
 } // namespace Metrics::test

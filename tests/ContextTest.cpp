@@ -218,12 +218,16 @@ TEST(Scope, ThatFailedToOpenIsClosedAndCanBeOpenedAgain) {
         EXPECT_EQ(transcript.Next(), "ScopeOpened s3 in 1: \"" + text + "\", 0\n");
         throws = false;
         scope.OpenImpl(text, 0);
+        EXPECT_EQ(transcript.Next(), "ScopeOpened s4 in 1: \"" + text + "\", 0\n");
+        Flush();       // nobody else holds the label
+        throws = true; // then it stays as it was
+        EXPECT_THROW(scope.OpenImpl("another label that is not stored inside of a string", 0),
+                     std::runtime_error);
         EXPECT_TRUE(scope.IsOpen());
+        throws = false;
+        transcript.Next();
     }
-    EXPECT_EQ(transcript.Next(), "ScopeOpened s4 in 1: \"" + text +
-                                     "\", 0\n"
-                                     "ScopeClosed s4 in 1: \"" +
-                                     text + "\", 0\n");
+    EXPECT_EQ(transcript.Next(), "ScopeClosed s5 in 1: \"" + text + "\", 0\n");
     Flush();
     EXPECT_EQ(label.use_count(), 1);
 }
