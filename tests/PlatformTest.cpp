@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <stdexcept>
 #include <thread>
@@ -101,13 +102,19 @@ TEST(TEvent, LetsThroughWhileItIsSignalled) {
     EXPECT_TRUE(TEvent(true).Wait(0));
 
     std::atomic<int> through{0};
+    std::array<std::atomic<pid_t>, 3> ids{};
     std::vector<std::jthread> waiters;
-    for (int i = 0; i < 3; ++i)
-        waiters.emplace_back([&] { through += event.Wait(60'000) ? 1 : 0; });
+    for (std::atomic<pid_t>& id : ids)
+        waiters.emplace_back([&] {
+            id = gettid();
+            through += event.Wait(60'000) ? 1 : 0;
+        });
+    for (const std::atomic<pid_t>& id : ids)
+        EXPECT_TRUE(Poll([&id] { return id != 0 && IsAsleep(id); }));
     EXPECT_EQ(through, 0);
     event.Signal();
+    EXPECT_TRUE(Poll([&through] { return through == 3; })) << "one signal is for all";
     waiters.clear();
-    EXPECT_EQ(through, 3);
 }
 
 TEST(TReadWriteLock, LetsReadersInTogetherAndWritersAlone) {

@@ -77,7 +77,7 @@ TEST(Export, GivesEachProcessAndRootATraceOfItsOwn) {
     for (const RunIdentity& one :
          {identity, RunIdentity{"shop", "blue", 7, 1'000}, RunIdentity{"shop", "red", 8, 1'000},
           RunIdentity{"shop", "red", 7, 1'001}})
-        for (const std::uint64_t root : {1, 2}) {
+        for (const std::uint64_t root : {1U, 2U}) {
             const TraceId trace = SpanIds(one).Trace(root);
             EXPECT_TRUE(traces.emplace(trace.high, trace.low).second);
         }
