@@ -250,8 +250,8 @@ def soak_tables(soak):
 
 def draw(f, directory, picture):
     bars = [("one clock read", "clock-read {}"), ("two clock reads", "clock-reads {}"), ("metrics", "emit {}"),
-            ("LTTng-UST", "lttng {}"), ("spdlog async, null sink", "spdlog-null {}"),
-            ("spdlog async, file", "spdlog-file {}")]
+            ("LTTng-UST", "lttng {}"), (r"spdlog async,\nnull sink", "spdlog-null {}"),
+            (r"spdlog async,\nfile", "spdlog-file {}")]
     data = directory / "picture.dat"
     data.write_text("".join(
         f'"{title}" {f.get(key.format(1), 0)} {f.get(key.format(2), 0)}\n' for title, key in bars))
@@ -264,6 +264,7 @@ def draw(f, directory, picture):
         set style fill solid 0.85 noborder
         set boxwidth 0.9
         set grid ytics
+        set bmargin 4
         set yrange [0:*]
         set ylabel 'nanoseconds'
         set key top left

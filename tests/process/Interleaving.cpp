@@ -99,7 +99,7 @@ namespace {
 /// emitted and flushed: the flush waits for it, and the thread does not sleep over it.
 void FlushesBehindAnyLookAtTheClock() {
     constexpr int looks = 20, tries = 5; // more than it takes in one round
-    static std::atomic<int> left{-1};   // looks, until it is held
+    static std::atomic<int> left{-1};    // looks, until it is held
     static std::atomic<bool> isHeld{false}, isFlushing{false};
     static std::atomic<std::int64_t> delivered{-1};
     static const pid_t flushing = gettid();
