@@ -143,8 +143,7 @@ struct Remains {
 ///    follows the link of a chunk only when m_read has not reached that value, so the link is
 ///    there.
 /// 3. A chunk goes back to the pool when m_read has left it, at the latest in GiveBack. The last
-/// one
-///    stays with the thread.
+///    chunk stays with the thread.
 /// 4. Where m_published stands at the end of a chunk, the next record stands at the beginning of
 ///    the next chunk; no record begins at the end of one.
 /// 5. A queue changes hands only when it is empty and its owner has ended (ThreadTable).
