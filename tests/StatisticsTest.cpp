@@ -321,6 +321,19 @@ TEST(ShutdownReport, CountsWhatASynchronousConsumerHeldUntilTheEnd) {
     EXPECT_EQ(report.statistics.accepted, 1u);
 }
 
+TEST(ShutdownReport, CountsWhatCameBehindAnEventThatEndsTheLibrary) {
+    HeldStream stream; // one event
+    AttributeImpl(1, 0, 0);
+    Send(0, 0, 0, MetricsEventType::Shutdown);
+    AttributeImpl(2, 0, 0);
+    stream.Release();
+    MetricsShutdownReport report;
+    EXPECT_TRUE(Poll([&] { return (report = Manager().Shutdown(0)).ended; }));
+    EXPECT_EQ(report.statistics.delivered, 2u);
+    EXPECT_EQ(report.statistics.lostToShutdown, 1u);
+    EXPECT_EQ(report.statistics.accepted, 3u);
+}
+
 TEST(ShutdownReport, NamesWhoIsStuck) {
     const auto stream = std::make_unique<HeldStream>("stuck");
     EmitTooMany();

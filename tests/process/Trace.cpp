@@ -411,6 +411,7 @@ void IsFullWhereAFileBegins(bool inTheEnd) {
             for (int n = 0; n < 500; ++n)
                 Send("event", ++last);
             VERIFY(SizeOf(s_folder.path) <= kept);
+            VERIFY(OpenDescriptors() <= 2); // the folder and a file
         }
     }
     s_diskIsFull = inTheEnd;
