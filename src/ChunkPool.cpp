@@ -103,8 +103,11 @@ Chunk* ChunkPool::Pop() noexcept {
 
 void ChunkPool::Put(Chunk& first, std::uint32_t count) noexcept {
     Chunk* last = &first;
-    for (std::uint32_t i = count; Forbid(*last), --i != 0;)
+    Forbid(first);
+    for (std::uint32_t i = 1; i < count; ++i) {
         last = last->next.load(std::memory_order_relaxed);
+        Forbid(*last);
+    }
     std::uint64_t word = m_top.load(std::memory_order_acquire);
     do {
         Chunk* const top = TopOf(word);

@@ -72,7 +72,7 @@ public:
 
     /// Gives a chunk back.
     void Put(Chunk& chunk) noexcept { Put(chunk, 1); }
-    /// Gives `count` chunks back that are linked by `next`.
+    /// Gives `count` chunks back, at least one, that are linked by `next`.
     void Put(Chunk& first, std::uint32_t count) noexcept;
 
     /// Chunks that are in somebody's hands.

@@ -24,6 +24,7 @@ namespace {
 
 constexpr unsigned int batchPause = 5;   // ms in which a batch gathers
 constexpr unsigned int idlePause = 100;  // to which it doubles while the queues stay empty
+constexpr std::size_t shortRun = 256;    // behind fewer events it is as long at once
 constexpr std::size_t largeBatch = 4096; // behind so many events no other one need gather
 constexpr int idlePausesPerCheck = 10;   // between looks whether the process has ended but for us
 
@@ -222,6 +223,7 @@ void Delivery::Init() {
 
 void Delivery::Run(Turn& turn) {
     unsigned int pause = idlePause;
+    std::size_t run = 0; // delivered since the last long pause
     int idlePauses = 0;
     while (!InForkedChild()) {
         m_wake.Reset();
@@ -248,6 +250,7 @@ void Delivery::Run(Turn& turn) {
             break;
         {
             const Reading reading(*this);
+            s_emptied.PutBack();
             s_threads.Sweep();
         }
         BalanceMemory();
@@ -258,7 +261,12 @@ void Delivery::Run(Turn& turn) {
         // With thousands of threads the look at their queues is what costs.
         const auto gather = batchPause + static_cast<unsigned int>(s_threads.Size() / 200);
         const bool isIdle = isComplete && m_delivered == 0;
-        pause = std::min(isIdle ? 2 * pause : gather, idlePause);
+        run += m_delivered;
+        pause = isIdle ? 2 * pause : gather;
+        if (pause > idlePause || (isIdle && run < shortRun)) {
+            pause = idlePause;
+            run = 0;
+        }
         if (pause == idlePause && isIdle && ++idlePauses % idlePausesPerCheck == 0 &&
             IsLastThread(1 + m_threads.load(std::memory_order_relaxed))) {
             ShowShutdown();
@@ -317,7 +325,7 @@ bool Delivery::LookAtQueues(Turn& turn, std::uint64_t cut) {
         if (lost != told) {
             m_gap.Add(lost - told, losses.gapTicks.load(std::memory_order_relaxed),
                       losses.gapWall.load(std::memory_order_relaxed));
-            losses.told.store(lost, std::memory_order_relaxed);
+            losses.told.store(lost, std::memory_order_release); // where it begins was read
         }
         turn.merge.Add(record->queue, record->owner.load(std::memory_order_relaxed));
         // Behind Add, which may give back the rest of a chunk: another queue may take it at once.
@@ -338,10 +346,9 @@ bool Delivery::LookAtQueues(Turn& turn, std::uint64_t cut) {
 bool Delivery::DeliverMerged(Turn& turn) {
     // Nobody to deliver to: looked at after the queues were, so that whoever was registered before
     // something was emitted does not miss it.
-    if (!s_consumers.HasAsynchronous()) {
-        const Reading reading(*this);
-        if (m_drops != m_seenDrops)
-            return false;
+    // Where others may read, one by one: what is destroyed is code of the application, and not to
+    // run under their lock.
+    if (!s_consumers.HasAsynchronous() && !SharesReading()) {
         m_gap = Gap();
         m_delivered += turn.merge.Discard();
         return true;
@@ -672,6 +679,7 @@ void Delivery::End() {
         record->queue.Discard(record->queue.Published()); // what came behind the end
         Count(m_lostAtEnd, record->queue.Taken() - before);
     }
+    s_emptied.PutBack();
     s_threads.SetSwept(false);
     NoteFaults();
     s_faults.TellLast();

@@ -12,6 +12,24 @@ static_assert(alignof(MetricsValue) == 8 && alignof(Record) == 8,
               "records stand at multiples of 8");
 static_assert((Chunk::size - sizeof(Chunk)) / sizeof(Record) == 31);
 
+constinit EmptiedChunks s_emptied;
+
+void EmptiedChunks::Add(Chunk& chunk) noexcept {
+    constexpr std::uint32_t most = 8;
+    chunk.next.store(m_first, std::memory_order_relaxed);
+    m_first = &chunk;
+    ++m_count;
+    // They are not charged any more: a small limit is not exceeded by much for their sake.
+    const std::uint64_t limit = s_queueLimit.Bytes();
+    if (m_count == most || (limit != 0 && m_count * Chunk::size > limit / 64))
+        PutBack();
+}
+
+void EmptiedChunks::PutBack() noexcept {
+    if (m_count != 0)
+        s_chunks.Put(*std::exchange(m_first, nullptr), std::exchange(m_count, 0));
+}
+
 std::byte* EventQueue::BeginNextChunk(std::byte* at) {
     Chunk& chunk = s_chunks.Take(); // may throw, before anything has changed
     // Relaxed, here and below: published by the first record of the new chunk.
@@ -125,29 +143,19 @@ std::byte* EventQueue::EnterNextChunk() noexcept {
     if (left != nullptr) { // behind that: what others are granted of it is not counted as queued
         s_queueLimit.Give(left->charged.load(std::memory_order_relaxed) - m_givenBack);
         m_givenBack = 0;
-        left->next.store(m_emptied, std::memory_order_relaxed);
-        m_emptied = left;
-        if (++m_emptiedCount == mostEmptied)
-            PutEmptied();
+        s_emptied.Add(*left);
     }
     return next->Begin();
 }
 
-void EventQueue::PutEmptied() noexcept {
-    if (m_emptiedCount != 0)
-        s_chunks.Put(*std::exchange(m_emptied, nullptr), std::exchange(m_emptiedCount, 0));
-}
-
 void EventQueue::FetchFollowing(const Chunk& chunk) noexcept {
-    // Relaxed: null if it is not there yet, and only looked at when it is known to be.
+    // Relaxed: nothing is read through it here, and it is null while there is none.
     Chunk* const next = chunk.next.load(std::memory_order_relaxed);
-    for (std::size_t offset = 0; next != nullptr && offset != fetchedAhead;
-         offset += sizeof(Record))
-        __builtin_prefetch(next->Begin() + offset);
+    for (std::size_t i = 0; next != nullptr && i <= fetchedAhead / sizeof(Record); ++i)
+        __builtin_prefetch(next + i); // with its own link
 }
 
 void EventQueue::GiveBack() noexcept {
-    PutEmptied();
     const std::byte* const at = Read();
     if (at == nullptr)
         return;
@@ -253,7 +261,6 @@ void EventQueue::Discard(const std::byte* end) noexcept {
         Destroy(front);
         Pop();
     }
-    PutEmptied();
 }
 
 void EventQueue::Release() noexcept {

@@ -125,6 +125,24 @@ struct Remains {
     std::vector<std::shared_ptr<MetricsEvent>> events;
 };
 
+/// Chunks that were read to their ends. They go back to the pool a few at once, since emitters and
+/// the delivery thread pass its top to one another, from core to core; and at the end of a batch.
+///
+/// Thread-safety: one thread at a time, which is the reader of all queues.
+class EmptiedChunks {
+public:
+    constexpr EmptiedChunks() noexcept = default;
+
+    void Add(Chunk& chunk) noexcept;
+    void PutBack() noexcept;
+
+private:
+    alignas(64) Chunk* m_first = nullptr; // linked by `next`
+    std::uint32_t m_count = 0;
+};
+
+extern constinit EmptiedChunks s_emptied;
+
 /// What waits of one thread's events: records in chunks, of which only that thread writes and only
 /// the delivery thread reads, neither ever waiting for the other.
 ///
@@ -142,8 +160,7 @@ struct Remains {
 /// 2. Only the delivery thread moves m_read, up to a value of m_published that it has acquired. It
 ///    follows the link of a chunk only when m_read has not reached that value, so the link is
 ///    there.
-/// 3. A chunk goes back to the pool when m_read has left it, at the latest in GiveBack. The last
-///    chunk stays with the thread.
+/// 3. A chunk is among s_emptied when m_read has left it. The last chunk stays with the thread.
 /// 4. Where m_published stands at the end of a chunk, the next record stands at the beginning of
 ///    the next chunk; no record begins at the end of one.
 /// 5. A queue changes hands only when it is empty and its owner has ended (ThreadTable).
@@ -187,7 +204,8 @@ public:
     void Pop() noexcept {
         std::byte* const at = Read();
         // Another core has written what follows: it comes while what is before is delivered.
-        __builtin_prefetch(at + fetchedAhead);
+        if (Chunk::RoomAt(at) > fetchedAhead) [[likely]]
+            __builtin_prefetch(at + fetchedAhead);
         if (at == Chunk::Of(at)->Begin()) [[unlikely]]
             FetchFollowing(*Chunk::Of(at));
         m_read.store(at + Record::At(at)->size, std::memory_order_relaxed);
@@ -195,7 +213,7 @@ public:
     }
     /// Of a record at the front that holds memory outside: it is being taken out.
     void CountOutsideTaken(Outside outside) noexcept;
-    /// Gives back what was emptied, and tells the queue limit how far the queue was read.
+    /// Tells the queue limit how far the queue was read.
     void GiveBack() noexcept;
 
     /// Destroys what Front has returned, without having looked at it.
@@ -237,7 +255,6 @@ private:
     void Publish(Record& record) noexcept;
     std::byte* EnterNextChunk() noexcept;
     static void FetchFollowing(const Chunk& chunk) noexcept;
-    void PutEmptied() noexcept;
     std::byte* Read() const noexcept { return m_read.load(std::memory_order_relaxed); }
     void CountTaken(std::uint64_t taken) noexcept {
         // Release: pairs with Taken; what was taken had been appended.
@@ -270,11 +287,6 @@ private:
     std::atomic<std::uint64_t> m_entered{0};
     std::atomic<std::uint64_t> m_outsideTaken{0};
     std::size_t m_givenBack = 0; // of the chunk in which m_read stands
-    // Chunks that m_read has left, linked by `next`. They go back a few at once: emitters and the
-    // delivery thread pass the top of the pool to one another, from core to core.
-    static constexpr std::uint32_t mostEmptied = 8;
-    Chunk* m_emptied = nullptr;
-    std::uint32_t m_emptiedCount = 0;
 };
 
 inline Record* EventQueue::Reserve(const Stamp& stamp, std::size_t size) {

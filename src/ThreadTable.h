@@ -41,7 +41,7 @@ struct Losses {
 
     void CountToLimit(const Stamp& stamp) noexcept {
         const std::uint64_t lost = toLimit.load(std::memory_order_relaxed);
-        if (told.load(std::memory_order_relaxed) == lost) {
+        if (told.load(std::memory_order_acquire) == lost) { // the last gap was read
             gapTicks.store(stamp.ticks, std::memory_order_relaxed);
             gapWall.store(stamp.wall, std::memory_order_relaxed);
         }

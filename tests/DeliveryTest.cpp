@@ -338,13 +338,20 @@ TEST(Delivery, ComesSoonWhetherIdleOrBusy) {
     EXPECT_LT(SecondsUntilDelivered(false), 0.05) << "a busy one goes on at once";
 }
 
-/// Nanoseconds of processor time that the delivery thread has used.
-static std::uint64_t DeliveryTime() {
+/// The number behind `name` in a file of proc(5) about the delivery thread.
+static std::uint64_t DeliveryNumber(const char* file, const std::string& name) {
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task"))
-        if (ReadFile(task.path() / "comm") == "metrics\n")
-            return std::stoull(ReadFile(task.path() / "schedstat"));
+        if (ReadFile(task.path() / "comm") == "metrics\n") {
+            const std::string text = ReadFile(task.path() / file);
+            return std::stoull(text.substr(text.find(name) + name.size()));
+        }
     ADD_FAILURE() << "no such thread";
     return 0;
+}
+
+/// Nanoseconds of processor time that the delivery thread has used.
+static std::uint64_t DeliveryTime() {
+    return DeliveryNumber("schedstat", "");
 }
 
 TEST(Delivery, SleepsWhenThereIsNothingToDo) {
@@ -361,6 +368,22 @@ TEST(Delivery, SleepsWhenThereIsNothingToDo) {
         std::this_thread::sleep_for(std::chrono::milliseconds(700));
         EXPECT_LT(DeliveryTime() - before, 70'000'000u) << "a tenth of the time, at " << events;
     }
+}
+
+TEST(Delivery, LooksSeldomWhereLittleHappens) {
+    const Session session;
+    Consume(false, [](const MetricsEvent&) {});
+    Flush();
+    const char* const sleeps = "\nvoluntary_ctxt_switches:";
+    const std::uint64_t before = DeliveryNumber("status", sleeps);
+    const auto start = Clock::now();
+    while (SecondsSince(start) < 0.75) {
+        Send(0);
+        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    }
+    // One long pause, and one in which more might have come, by turns.
+    EXPECT_LT(static_cast<double>(DeliveryNumber("status", sleeps) - before),
+              SecondsSince(start) * 30);
 }
 
 TEST(Delivery, BeginsWithTheInitFunctionAndEndsWithWhatWasQueued) {

@@ -97,6 +97,7 @@ public:
             while (!emitter.stamped.empty())
                 Append(emitter);
         Deliver();
+        s_emptied.PutBack();
         for (const auto& [value, text] : m_kept)
             EXPECT_EQ(*value.text, text) << "a kept text was used for another event";
         m_kept.clear();

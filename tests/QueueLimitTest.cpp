@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <barrier>
 #include <cstdlib>
 #include <latch>
 #include <memory>
@@ -284,6 +285,68 @@ TEST(QueueLimit, HoldsNoConsumer) {
     EXPECT_GT(Statistics().lostToLimit, 0u);
 }
 
+std::uint64_t ResidentBytes() {
+    const std::string status = ReadFile("/proc/self/status");
+    return std::strtoull(status.c_str() + status.find("RssAnon:") + 8, nullptr, 10) << 10;
+}
+
+/// What is read of a backlog is free for others at once, in the middle of a batch as well.
+TEST(QueueLimit, BoundsWhatTheProcessTakesWhileItIsRead) {
+    constexpr int threads = 100;
+    constexpr std::uint64_t limit = 4 << 20, perChunk = 31, perThread = limit / threads / 64;
+    const auto refill = [] {
+        std::atomic<std::uint64_t> seen{0}, allowed{0};
+        const Session session;
+        Consume(false, [&](const MetricsEvent&) {
+            ++seen;
+            for (std::uint64_t now = allowed; seen > now; now = allowed)
+                allowed.wait(now);
+        });
+        const auto let = [&](std::uint64_t more) {
+            allowed += more;
+            allowed.notify_one();
+            VERIFY(Poll([&] { return seen == allowed + 1; })); // held
+        };
+        Manager().SetQueueLimit(limit, MetricsQueuePolicy::DropNewest);
+        std::barrier round(threads + 1), turn(threads);
+        std::vector<std::jthread> emitters;
+        for (int i = 0; i < threads; ++i)
+            emitters.emplace_back([&] {
+                Context context(0, Context::Create(true));
+                context.OpenScope();
+                context.DetachFromThread();
+                const ContextGuard guard(context);
+                for (int fill = 0; fill < 2; ++fill) {
+                    round.arrive_and_wait();
+                    for (std::uint64_t n = 0; n < 2 * perThread; ++n) {
+                        Attribute(1, 2, 0);
+                        if (n % perChunk == 0)
+                            turn.arrive_and_wait(); // so that they are read by turns
+                    }
+                    round.arrive_and_wait();
+                }
+                round.arrive_and_wait();
+            });
+        let(0);
+        std::uint64_t resident[2] = {};
+        for (std::uint64_t& bytes : resident) {
+            round.arrive_and_wait();
+            round.arrive_and_wait();
+            bytes = ResidentBytes();
+            VERIFY(Statistics().queuedBytes > limit * 8 / 10);
+            let(threads * perChunk * 15 / 2); // some of each queue's chunks
+        }
+        // Some memory is made ready for whoever emits next.
+        VERIFY(!sanitizer.empty() || resident[1] < resident[0] + limit / 8);
+        allowed = ~std::uint64_t{0} / 2;
+        allowed.notify_one();
+        round.arrive_and_wait();
+        return 0;
+    };
+    const Ended ended = RunChild(refill);
+    EXPECT_EQ(ended.status, 0) << ended.output;
+}
+
 TEST(QueueLimit, BoundsWhatTheProcessTakes) {
     constexpr std::uint64_t limit = 4 << 20;
     for (const auto policy : {MetricsQueuePolicy::DropNewest, MetricsQueuePolicy::DropOldest})
@@ -292,14 +355,10 @@ TEST(QueueLimit, BoundsWhatTheProcessTakes) {
                 HeldStream stream;
                 const Session session;
                 Manager().SetQueueLimit(limit, policy);
-                const auto resident = [] {
-                    const std::string status = ReadFile("/proc/self/status");
-                    return std::strtoull(status.c_str() + status.find("RssAnon:") + 8, nullptr, 10);
-                };
                 std::vector<std::jthread> emitters;
                 constexpr int threads = 100;
                 std::latch begin(threads), done(threads), end(1);
-                std::atomic<unsigned long long> before{0};
+                std::atomic<std::uint64_t> before{0};
                 const std::string text(isLong ? 20000 : 100, 'x');
                 for (int i = 0; i < threads; ++i)
                     emitters.emplace_back([&] {
@@ -314,9 +373,9 @@ TEST(QueueLimit, BoundsWhatTheProcessTakes) {
                         end.wait();
                     });
                 begin.wait();
-                before = resident();
+                before = ResidentBytes();
                 done.wait();
-                const auto grown = (resident() - before) << 10;
+                const std::uint64_t grown = ResidentBytes() - before;
                 const MetricsStatistics full = Statistics();
                 VERIFY(full.lostToLimit > 0);
                 VERIFY(full.queuedBytes <= limit * 105 / 100);

@@ -96,8 +96,8 @@ decltype(auto) AsArgument(const T& value) {
         return MetricsValue(value);
 }
 
-/// What a gate hands on: a literal with its length, which the compiler knows, and all else as it
-/// is.
+/// What a gate hands on: an array of characters up to its first NUL, which of a literal the
+/// compiler knows, and all else as it is.
 template <class T>
 const T& WithLength(const T& value) noexcept {
     return value;

@@ -103,7 +103,9 @@ void FlushesBehindAnyLookAtTheClock() {
     static std::atomic<bool> isHeld{false};
     static std::atomic<std::int64_t> delivered{-1};
     static const pid_t flushing = gettid();
+    static std::atomic<pid_t> delivering{0};
     Manager().SetThreadInitFunction([] {
+        delivering = gettid();
         t_behindClock = [] {
             if (left < 0 || left-- > 0)
                 return;
@@ -118,11 +120,15 @@ void FlushesBehindAnyLookAtTheClock() {
     for (int look = 0; look < looks; ++look) {
         double shortest = forever;
         for (int i = 0; i < tries; ++i) {
+            // So that the same look is the same one each time.
+            VERIFY(Poll([] { return IsAsleep(delivering); }));
             isHeld = false;
             left = look;
-            Manager().WaitUntilWritesFlushed(0); // wakes it
-            while (!isHeld)
-                std::this_thread::yield();
+            while (!isHeld) {
+                Manager().WaitUntilWritesFlushed(0); // wakes it
+                for (const auto woken = Clock::now(); !isHeld && SecondsSince(woken) < 0.002;)
+                    std::this_thread::yield();
+            }
             Send(tries * look + i);
             const auto start = Clock::now();
             Flush();
