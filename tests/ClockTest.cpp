@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <ctime>
 
 namespace Metrics::test {
@@ -26,6 +27,7 @@ struct Instant {
     bool IsNotAfter(const Instant& other) const {
         return upTime <= other.upTime && wall <= other.wall;
     }
+    friend bool operator==(const Instant&, const Instant&) = default;
 };
 
 TEST(Clock, CountsNanosecondsAndMicroseconds) {
@@ -53,9 +55,9 @@ TEST(Clock, CountsNanosecondsAndMicroseconds) {
     EXPECT_LE(now.wall, nanoseconds(CLOCK_REALTIME) / 1000);
 }
 
-/// Each event is stamped while it is emitted, whatever the way.
+/// Each event is stamped while it is emitted, whatever the way, and alike for all consumers.
 TEST(Clock, StampsEachEventWhileItIsEmitted) {
-    std::vector<Instant> stamps;
+    std::vector<Instant> stamps, shown; // shown at once
     const Session session;
     Consume(false, [&stamps](const MetricsEvent& e) { stamps.push_back(Instant::Of(e)); });
     Context context(0, Context::Create(true));
@@ -74,7 +76,7 @@ TEST(Clock, StampsEachEventWhileItIsEmitted) {
     };
     for (const bool synchronous : {false, true}) {
         if (synchronous)
-            Consume(true, [](const MetricsEvent&) {});
+            Consume(true, [&shown](const MetricsEvent& e) { shown.push_back(Instant::Of(e)); });
         for (int i = 0; i < Repetitions(20000); ++i) {
             emit([&] { context.Emit(i); });
             emit([&] { Attribute("name", i); });
@@ -93,6 +95,7 @@ TEST(Clock, StampsEachEventWhileItIsEmitted) {
     }
     EXPECT_EQ(early, 0u);
     EXPECT_EQ(late, 0u);
+    EXPECT_TRUE(!shown.empty() && std::equal(shown.rbegin(), shown.rend(), stamps.rbegin()));
 }
 
 TEST(Clock, StampsAnEventAnewWhenItIsEmittedAgain) {

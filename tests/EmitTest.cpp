@@ -52,8 +52,13 @@ TEST(Text, ArrivesWholeWhateverItsLengthAndHoweverItIsGiven) {
         Send(text, MetricsValue(text));
         { const Scope labelled(text); }
         { const Scope labelled{std::string(text)}; }
+        char buffer[40001] = {}; // seldom full
+        text.copy(buffer, size);
+        context.Emit(buffer, 5);
+        Attribute(buffer, buffer);
+        { const Scope labelled(buffer); }
         Flush();
-        EXPECT_EQ(texts, std::vector<std::string>(20, text));
+        EXPECT_EQ(texts, std::vector<std::string>(25, text));
     }
     EXPECT_TRUE(Manager().Disable());
 }

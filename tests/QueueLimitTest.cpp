@@ -151,11 +151,13 @@ TEST(QueueLimit, HoldsNobodyBeyondTheEnd) {
 TEST(QueueLimit, TellsOfNothingAsOlderThanWhatWasDelivered) {
     std::vector<std::uint64_t> stamps;
     std::atomic<int> notices{0};
+    std::int64_t told = 0;
     Manager().SetQueueLimit(16384, MetricsQueuePolicy::DropNewest);
     const Session session;
     Consume(false, [&](const MetricsEvent& event) {
         stamps.push_back(event.timestamp);
         if (IsNotice(event)) {
+            told += event.param2.integer;
             if (++notices == 1)
                 AttributeImpl(-1, 0, 0); // newer than the next gap, which it comes before
         } else if (event.param1.integer == -2) {
@@ -170,6 +172,7 @@ TEST(QueueLimit, TellsOfNothingAsOlderThanWhatWasDelivered) {
         return notices == 2;
     }));
     EXPECT_TRUE(std::is_sorted(stamps.begin(), stamps.end()));
+    EXPECT_EQ(static_cast<std::uint64_t>(told), Statistics().lostToLimit);
 }
 
 /// Before what another thread has emitted since, though more was lost behind that.
