@@ -15,9 +15,9 @@ namespace Metrics::detail {
 ///
 /// A queue is charged for what it writes into a chunk before it writes there, in grants: large
 /// ones, so that many records are written between two of them, and small ones where many threads
-/// share little, so that what is granted and not used is at most a twentieth of the limit. What was
-/// charged is given back when it has been read. What waits already when the limit is set is not
-/// counted.
+/// share little: a twentieth of the limit divided by the number of threads. What was charged is
+/// given back when it has been read. What waits already when the limit is set is not counted, nor
+/// what comes into a chunk that was begun before.
 ///
 /// Thread-safety: safe from any thread at any time.
 class QueueLimit {
