@@ -49,6 +49,9 @@ TEST(Filter, ComesBeforeAnyValueIsBuilt) {
     Context disabled(0, 0);
     disabled.AttachToThread();
     EXPECT_NO_THROW(Attribute(NeverBuilt(), NeverBuilt()));
+    Attribute("name", 1);
+    Attribute(std::string("name"), MetricsValue(1));
+    EXPECT_EQ(transcript.Next(), "");
     const Context context(0, 1);
     const Scope open("open", MetricsBits::act);
     Manager().ClearBits(MetricsBits::act);

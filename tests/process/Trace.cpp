@@ -139,7 +139,7 @@ void HoldsEveryField() {
         upTime += s_random() % 3000 - 1000 + (jumps ? jump : 0);
         wall += s_random() % 3 - 1 + (jumps ? jump / 1000 : s_random() % 100 == 0 ? jump : 0);
         event.eventType = static_cast<MetricsEventType>(
-            jumps ? static_cast<int>(s_random()) : 2 + static_cast<int>(s_random() % 7));
+            jumps ? static_cast<int>(s_random()) : static_cast<int>(s_random() % 12) - 1);
         event.sourceId = s_random() >> s_random() % 64;
         event.contextId = s_random() >> s_random() % 64;
         event.bits = s_random();
