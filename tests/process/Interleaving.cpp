@@ -175,6 +175,13 @@ void DeliversTheLastEventOfAThreadThatEnds() {
     VERIFY(delivered == 2);
 }
 
+/// Of the calling thread.
+bool BlocksAnySignal() {
+    sigset_t mask;
+    VERIFY(pthread_sigmask(SIG_BLOCK, nullptr, &mask) == 0);
+    return sigisemptyset(&mask) == 0;
+}
+
 /// The system has no further thread for the delivery, and later it has one. What was emitted in
 /// between is delivered, and threads that ended leave their place to new ones meanwhile.
 void StartsAtTheSecondTry() {
@@ -191,6 +198,7 @@ void StartsAtTheSecondTry() {
     }
     t_canStartThreads = true;
     VERIFY(error == EAGAIN);
+    VERIFY(!BlocksAnySignal());
     VERIFY(ThreadsNamed("metrics") == 0);
     Manager().SetBits(everyBit);
     VERIFY(Manager().AddConsumer(consumer, everyBit, false));
@@ -199,6 +207,7 @@ void StartsAtTheSecondTry() {
         std::thread([&] { stacks.insert(Manager().GetThreadContext().get()); }).join();
     VERIFY(stacks.size() < 100);
     Manager().Enable();
+    VERIFY(!BlocksAnySignal());
     Send(2);
     VERIFY(Manager().Disable());
     VERIFY(delivered == std::vector<std::int64_t>({1, 2}));
