@@ -359,13 +359,17 @@ TEST(Context, CurrentOneIsTheTopOfTheThreadsStack) {
     EXPECT_FALSE(TestBitsAndContext(0));
 }
 
+/// Of a thread whose contexts have parents that are larger by 10.
 static std::uint64_t CurrentId() {
-    return Manager().GetCurrentThreadContextId();
+    const std::uint64_t parent = Manager().GetThreadContext()->GetParentMetricsContextId();
+    const std::uint64_t id = Manager().GetCurrentThreadContextId();
+    EXPECT_EQ(parent, id == 0 ? 0 : id + 10);
+    return id;
 }
 
 TEST(Guard, PutsBackExactlyWhatWasBefore) {
     Start();
-    Context p(0, 1), q(0, 2);
+    Context p(11, 1), q(12, 2);
     OnAThread([&] {
         const ContextGuard guard(p); // the first of this thread
         EXPECT_EQ(Manager().GetCurrentThreadContext(), &p);
@@ -379,7 +383,7 @@ TEST(Guard, PutsBackExactlyWhatWasBefore) {
             EXPECT_EQ(CurrentId(), 1u);
             const ContextGuard again(p), none(nullptr);
             EXPECT_EQ(CurrentId(), 1u);
-            left = std::make_unique<Context>(0, 3);
+            left = std::make_unique<Context>(13, 3);
             EXPECT_EQ(CurrentId(), 3u);
         }
         EXPECT_EQ(CurrentId(), 2u) << "without what was left on the stack";
@@ -399,9 +403,9 @@ TEST(Guard, PutsBackExactlyWhatWasBefore) {
 
 TEST(Guard, EndsWhateverHasBecomeOfTheStack) {
     Start();
-    Context p(0, 1);
-    auto q = std::make_unique<Context>(0, 2);
-    auto r = std::make_unique<Context>(0, 3);
+    Context p(11, 1);
+    auto q = std::make_unique<Context>(12, 2);
+    auto r = std::make_unique<Context>(13, 3);
     {
         const ContextGuard outer(*q); // p q r |q
         {
@@ -410,7 +414,7 @@ TEST(Guard, EndsWhateverHasBecomeOfTheStack) {
             EXPECT_EQ(CurrentId(), 3u);
             r.reset();
             EXPECT_EQ(CurrentId(), 1u) << "p | |, whose guards go on";
-            const Context within(0, 4);
+            const Context within(14, 4);
             EXPECT_EQ(CurrentId(), 4u);
         }
         EXPECT_EQ(CurrentId(), 1u);
@@ -420,8 +424,8 @@ TEST(Guard, EndsWhateverHasBecomeOfTheStack) {
     EXPECT_EQ(CurrentId(), 1u);
 
     // Destroyed by another thread, with the owner's entry below one that lives.
-    Context* destroyed = new Context(0, 5);
-    const Context above(0, 6);
+    Context* destroyed = new Context(15, 5);
+    const Context above(16, 6);
     {
         const ContextGuard guard(*destroyed);
         OnAThread([destroyed] { delete destroyed; });
@@ -431,15 +435,15 @@ TEST(Guard, EndsWhateverHasBecomeOfTheStack) {
 
     // And so was all that was below: what the block leaves goes with it all the same.
     OnAThread([] {
-        auto below = std::make_unique<Context>(0, 8);
-        auto guarded = std::make_unique<Context>(0, 9);
+        auto below = std::make_unique<Context>(18, 8);
+        auto guarded = std::make_unique<Context>(19, 9);
         guarded->DetachFromThread();
         std::unique_ptr<Context> left;
         {
             const ContextGuard guard(*guarded); // 8 |9
             OnAThread([&] { below.reset(), guarded.reset(); });
             EXPECT_EQ(CurrentId(), 0u);
-            left = std::make_unique<Context>(0, 10);
+            left = std::make_unique<Context>(20, 10);
             EXPECT_EQ(CurrentId(), 10u);
         }
         EXPECT_EQ(CurrentId(), 0u);
@@ -447,7 +451,7 @@ TEST(Guard, EndsWhateverHasBecomeOfTheStack) {
 
     // As a coroutine that suspends would: what is left behind does not outlive the next block.
     auto stray = std::make_unique<std::optional<ContextGuard>>();
-    Context other(0, 7);
+    Context other(17, 7);
     {
         const ContextGuard guard(other);
         stray->emplace(p);

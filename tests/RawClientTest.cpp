@@ -27,7 +27,7 @@ struct ForeignNumbers : std::numpunct<char> {
 };
 
 TEST(CsvLine, HasTheSameBytesInEveryLocale) {
-    const std::string cut("cut\0off", 7);
+    const std::string cut("cut\0\"off\n", 9);
     std::vector<std::pair<MetricsValue, std::string>> rows = {
         {INT64_MIN, "-9223372036854775808"},
         {"it's", "it's"},
