@@ -85,8 +85,12 @@ TEST(Statistics, CountForAsManySynchronousConsumersAsThereAre) {
     constexpr int consumers = 12; // more than each thread has places for
     std::vector<MetricsListenerPtr> listeners;
     listeners.reserve(consumers);
+    const auto throws = [](const MetricsEvent& event) {
+        if (event.param1.integer == -1)
+            throw std::runtime_error("refused");
+    };
     for (int i = 0; i < consumers; ++i)
-        listeners.push_back(Register(true, {std::to_string(i), 0, 0}, [](const MetricsEvent&) {}));
+        listeners.push_back(Register(true, {std::to_string(i), 0, 0}, throws));
     const auto emit = [](int count) {
         std::jthread other([count] {
             for (int n = 0; n < count; ++n)
@@ -96,6 +100,8 @@ TEST(Statistics, CountForAsManySynchronousConsumersAsThereAre) {
             AttributeImpl(n, 0, 0);
     };
     emit(100);
+    EXPECT_THROW(AttributeImpl(-1, 0, 0), std::runtime_error); // of the first one
+    EXPECT_EQ(Describe("0").exceptions, 1u);
     // A place that has become free goes to the next one, whose counts begin anew.
     for (const int i : {0, 5, 11}) {
         EXPECT_TRUE(Manager().RemoveConsumer(listeners[static_cast<std::size_t>(i)]));
@@ -104,8 +110,10 @@ TEST(Statistics, CountForAsManySynchronousConsumersAsThereAre) {
     emit(10);
     EXPECT_EQ(Statistics().consumers.size(), std::size_t(consumers));
     EXPECT_EQ(Describe("0").name, "");
-    for (const char* const name : {"new 0", "new 5", "new 11"})
+    for (const char* const name : {"new 0", "new 5", "new 11"}) {
         EXPECT_EQ(Describe(name).calls, 20u) << name;
+        EXPECT_EQ(Describe(name).exceptions, 0u) << name;
+    }
     for (const char* const name : {"1", "4", "7", "8", "10"})
         EXPECT_EQ(Describe(name).calls, 220u) << name;
 }
