@@ -91,11 +91,16 @@ TEST(ErrorHandler, IsToldOfEachReason) {
         EXPECT_STREQ(error.what(), "what it said");
     }
     Flush();
-    MetricsRawClient client;
-    ASSERT_TRUE(Open(client, "/dev/full"));
+    const std::string link = testing::TempDir() + "full" + std::to_string(getpid());
+    ASSERT_EQ(symlink("/dev/full", link.c_str()), 0);
+    MetricsRawClient client, other;
+    ASSERT_TRUE(Open(client, "/dev/full") && Open(other, link));
+    unlink(link.c_str());
     AttributeImpl(0, 0, 0);
     Flush();
     EXPECT_EQ(told.First(Reason::WriteFailed).path, "/dev/full");
+    EXPECT_TRUE(Poll([&] { return told.Of(Reason::WriteFailed).size() == 2; }));
+    EXPECT_EQ(told.Of(Reason::WriteFailed).back().path, link);
     EXPECT_EQ(told.First(Reason::WriteFailed).error, ENOSPC);
     EXPECT_TRUE(told.ByDelivery());
     Flush();
