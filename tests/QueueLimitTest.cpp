@@ -265,9 +265,11 @@ TEST(QueueLimit, HasAllItsRoomAgain) {
         value.extra =
             std::shared_ptr<const void>(&stream, [](const void*) { AttributeImpl(1, 0, 0); });
         AttributeImpl(std::move(value), 0, 0);
+        Send(i); // which somebody shares
     }
     release();
     Flush(); // what the last ones have emitted
+    EXPECT_EQ(Statistics().queuedBytes, 0u);
     Manager().SetQueueLimit(limit, MetricsQueuePolicy::DropNewest);
     EXPECT_GT(room(), before * 3 / 4) << "behind what emits";
 }
