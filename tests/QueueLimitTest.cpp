@@ -285,11 +285,17 @@ TEST(QueueLimit, HoldsNoConsumer) {
     };
     Consume(true, emits);
     Consume(false, emits);
-    const auto start = Clock::now();
+    auto start = Clock::now();
     AttributeImpl(0, 1, 0);
     Flush();
     EXPECT_LT(SecondsSince(start), forever / 2000.0);
     EXPECT_GT(Statistics().lostToLimit, 0u);
+
+    HeldStream stream;
+    Manager().SetQueueLimit(4096, MetricsQueuePolicy::Wait, 100);
+    start = Clock::now();
+    AttributeImpl(0, 1, 0); // waits, but none of those that it causes
+    EXPECT_LT(SecondsSince(start), 5);
 }
 
 std::uint64_t ResidentBytes() {

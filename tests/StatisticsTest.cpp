@@ -25,9 +25,10 @@ TEST(Statistics, CountWhatEachConsumerWasCalledFor) {
                 throw std::runtime_error("refused");
         };
     };
-    Register(true, {"first", 0, 0}, waitsAt(1));
-    Register(true, {"second", 0, 0}, waitsAt(2));
-    Register(false, {"third", 0, 0}, waitsAt(2));
+    constexpr std::uint32_t limit = 4295; // ms, which are more ns than 32 bits hold
+    Register(true, {"first", 0, limit}, waitsAt(1));
+    Register(true, {"second", 0, limit}, waitsAt(2));
+    Register(false, {"third", 0, limit}, waitsAt(2));
     Consume(false, [](const MetricsEvent&) {});
     constexpr std::uint64_t threads = 4, each = 250;
     {

@@ -127,7 +127,8 @@ void MemoryGoesBack() {
         VERIFY(events < 100000 || held - before > events / 40);
     }
     long after = 0;
-    const bool goesBack = Poll([&] { return (after = ResidentKiB()) < before + 8192; });
+    const bool goesBack =
+        Poll([&] { return (after = ResidentKiB()) < before + 4096; }, std::chrono::seconds(15));
     std::printf("%ld KiB before, %ld KiB after\n", before, after);
     VERIFY(goesBack);
 }
