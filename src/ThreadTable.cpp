@@ -1,5 +1,7 @@
 #include "ThreadTable.h"
 
+#include "QueueLimit.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -83,7 +85,8 @@ ThreadRecord& ThreadTable::Register() {
         // Sequentially consistent, see First; it also publishes the record's fields.
         while (!m_first.compare_exchange_weak(record->next, record, std::memory_order_seq_cst)) {}
     }
-    m_size.fetch_add(1, std::memory_order_relaxed);
+    // At once: many threads that begin together must not take what is for few.
+    s_queueLimit.SetThreads(m_size.fetch_add(1, std::memory_order_relaxed) + 1);
     m_registered.fetch_add(1, std::memory_order_relaxed);
     t_thread.record = record;
     errno = error;
